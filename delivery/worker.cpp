@@ -1,0 +1,10 @@
+#include "delivery/worker.h"
+
+namespace mvdab {
+
+int32_t RunWorkerStep() { return 1; }
+void FlushWorker() {}
+int32_t AllocateSuperframeBuffers() { return 1; }
+void FreeSuperframeBuffers() {}
+
+}  // namespace mvdab

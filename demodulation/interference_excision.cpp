@@ -1,0 +1,7 @@
+#include "demodulation/interference_excision.h"
+
+namespace mvdab {
+
+void ResetExcision() {}
+
+}  // namespace mvdab

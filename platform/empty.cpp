@@ -1,0 +1,1 @@
+// Keeps a target with no sources of its own yet buildable.
