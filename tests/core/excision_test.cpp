@@ -1,0 +1,170 @@
+// ExciseInterference on synthetic phase reference carriers: which carriers a
+// strong narrow-band line blanks, the pacing of the examinations, recovery,
+// and the modes in which the check never runs.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <random>
+#include <vector>
+
+#include "demodulation/interference_excision.h"
+#include "receiver/receiver_state.h"
+
+namespace {
+
+using namespace mvdab;
+
+class Excision : public ::testing::Test {
+protected:
+    void SetUp() override { UseMode(0); }
+
+    void UseMode(int32_t m) {
+        receiverSettings.excisionEnabled = 1;
+        receiverSettings.carrierWeightOne = 1.0f;
+        mode.transmissionMode = m;
+        mode.parameters = kModeTable[m];
+        ResetExcision();
+    }
+
+    int32_t K() const { return mode.parameters.carrierCount; }
+
+    // Carriers of unit power with a random phase, plus `lines` of the given
+    // power on the listed carriers.
+    std::vector<float> Carriers(const std::vector<int32_t>& lines, float linePower) {
+        std::vector<float> c(2 * K());
+        for (int32_t i = 0; i < K(); ++i) {
+            const double a = phase_(rng_);
+            c[2 * i] = static_cast<float>(std::cos(a));
+            c[2 * i + 1] = static_cast<float>(std::sin(a));
+        }
+        for (int32_t k : lines) {
+            c[2 * k] = std::sqrt(linePower);
+            c[2 * k + 1] = 0.0f;
+        }
+        return c;
+    }
+
+    void Examine(const std::vector<float>& c) {
+        double energy = 0.0;
+        for (float v : c) energy += static_cast<double>(v) * v;
+        ExciseInterference(c.data(), energy);
+    }
+
+    std::vector<int32_t> Blanked() const {
+        std::vector<int32_t> out;
+        for (int32_t i = 0; i < K(); ++i) {
+            const float re = CarrierWeights[2 * i];
+            const float im = CarrierWeights[2 * i + 1];
+            EXPECT_EQ(re, im) << "carrier " << i;
+            if (re == 0.0f) out.push_back(i);
+            else EXPECT_EQ(re, 1.0f) << "carrier " << i;
+        }
+        return out;
+    }
+
+    std::mt19937 rng_{5};
+    std::uniform_real_distribution<double> phase_{0.0, 6.283185307179586};
+};
+
+// A line 20 dB above the carriers is blanked, and only it; a line of twice
+// the carrier power is not.
+TEST_F(Excision, BlanksAStrongLineAndNothingElse) {
+    Examine(Carriers({700, 1200}, 100.0f));
+    EXPECT_EQ(Blanked(), (std::vector<int32_t>{700, 1200}));
+    ResetExcision();
+    Examine(Carriers({700}, 2.0f));
+    EXPECT_TRUE(Blanked().empty());
+}
+
+// The neighbourhood window runs from k-16 to k+15, so carriers 0..15 and
+// K-15..K-1 are never blanked, while 16 and K-16 can be.
+TEST_F(Excision, CarriersOutsideTheWindowRangeAreNeverBlanked) {
+    const int32_t k = K();
+    Examine(Carriers({0, 15, 16, k - 16, k - 15, k - 1}, 1000.0f));
+    EXPECT_EQ(Blanked(), (std::vector<int32_t>{16, k - 16}));
+}
+
+// The first 20 frames after a restart are all examined, then frame 21, 25,
+// 29, ...; frames in between keep the weights of the last examination.
+TEST_F(Excision, ExaminesTwentyFramesThenOneInFour) {
+    std::vector<int32_t> examined;
+    for (int32_t frame = 1; frame <= 33; ++frame) {
+        // Each frame's line sits on a carrier of its own; CarrierPower shows
+        // whether the frame was looked at.
+        const int32_t line = 100 + frame;
+        Examine(Carriers({line}, 50.0f));
+        if (interferenceExcision.CarrierPower[line] == 50.0f) examined.push_back(frame);
+    }
+    std::vector<int32_t> expected;
+    for (int32_t f = 1; f <= 21; ++f) expected.push_back(f);
+    expected.insert(expected.end(), {25, 29, 33});
+    EXPECT_EQ(examined, expected);
+}
+
+TEST_F(Excision, WeightsStandBetweenExaminationsAndRecoverAfterTheLineIsGone) {
+    for (int32_t frame = 1; frame <= 21; ++frame) Examine(Carriers({900}, 1000.0f));
+    EXPECT_EQ(Blanked(), (std::vector<int32_t>{900}));
+    // Frames 22 to 24 are not examined: the line has gone, the weight stays.
+    for (int32_t frame = 22; frame <= 24; ++frame) {
+        Examine(Carriers({}, 0.0f));
+        EXPECT_EQ(Blanked(), (std::vector<int32_t>{900}));
+    }
+    // The line is gone when frame 25 is examined: the carrier is free again.
+    Examine(Carriers({}, 0.0f));
+    EXPECT_TRUE(Blanked().empty());
+}
+
+// A line that shows in a single examined frame after a quiet warm-up is not
+// blanked, since its average power is still low; one that stays is blanked
+// from the next examination on.
+TEST_F(Excision, AOneFrameLineIsIgnoredAPersistentOneBlanked) {
+    for (int32_t frame = 1; frame <= 20; ++frame) Examine(Carriers({}, 0.0f));
+    Examine(Carriers({400}, 16.0f));  // frame 21, examined
+    EXPECT_TRUE(Blanked().empty());
+    for (int32_t frame = 22; frame <= 25; ++frame) Examine(Carriers({400}, 16.0f));
+    EXPECT_EQ(Blanked(), (std::vector<int32_t>{400}));
+}
+
+// A restart clears the reference: the first examination afterwards sees
+// only the new frame.
+TEST_F(Excision, RestartClearsTheReferenceAndTheWeights) {
+    for (int32_t frame = 1; frame <= 5; ++frame) Examine(Carriers({300}, 1000.0f));
+    ASSERT_FALSE(Blanked().empty());
+    ResetExcision();
+    for (float r : interferenceExcision.ExcisionReference) ASSERT_EQ(r, 0.0f);
+    for (float a : interferenceExcision.PowerAverage) ASSERT_EQ(a, 0.0f);
+    EXPECT_TRUE(Blanked().empty());
+    Examine(Carriers({}, 0.0f));
+    EXPECT_TRUE(Blanked().empty());
+}
+
+// In modes II, III and IV, and with the check switched off, nothing runs:
+// the weights stay at one whatever the carriers hold.
+TEST_F(Excision, OtherModesAndSwitchedOffLeaveTheWeightsAlone) {
+    for (int32_t m = 1; m <= 3; ++m) {
+        UseMode(m);
+        for (int32_t frame = 0; frame < 25; ++frame) Examine(Carriers({K() / 2}, 10000.0f));
+        EXPECT_TRUE(Blanked().empty()) << "mode " << m;
+        EXPECT_EQ(interferenceExcision.excisionWarmup, 0);
+    }
+    UseMode(0);
+    receiverSettings.excisionEnabled = 0;
+    Examine(Carriers({600}, 10000.0f));
+    EXPECT_TRUE(Blanked().empty());
+}
+
+// Carriers in noise (random power, mean 1) are not blanked once the
+// reference has averaged a few frames.
+TEST_F(Excision, NoFalseAlarmsOnNoisyCarriersAfterTheWarmUp) {
+    std::normal_distribution<float> noise(0.0f, std::sqrt(0.5f));
+    int32_t lastBlanked = 0;
+    for (int32_t frame = 1; frame <= 40; ++frame) {
+        std::vector<float> c(2 * K());
+        for (float& v : c) v = noise(rng_);
+        Examine(c);
+        if (frame > 8) lastBlanked += static_cast<int32_t>(Blanked().size());
+    }
+    EXPECT_EQ(lastBlanked, 0);
+}
+
+}  // namespace
