@@ -6,7 +6,7 @@
 //
 // Order of the impairments, as in a receiver's front end:
 //   random start (input samples dropped) -> multipath with optional fading ->
-//   drop-out -> sample clock offset (resampling) -> carrier frequency offset ->
+//   sample clock offset (resampling) -> carrier frequency offset -> drop-out ->
 //   + CW interferer + noise (noise-only lead-in first) -> gain, DC, 8-bit.
 //
 // Noise definition: `snrDb` is the mean signal power over the noise power
