@@ -1,8 +1,202 @@
 #include "acquisition/frame_entry.h"
 
+#include <cmath>
+#include <cstring>
+
+#include "acquisition/mode_buffers.h"
+#include "demodulation/dft_service.h"
+#include "receiver/receiver_state.h"
+
 namespace mvdab {
 
-int32_t EnterFirstFrame() { return 1; }
-void ResetFrameEntry() {}
+FrameEntry frameEntry;
+
+namespace {
+
+// Symmetric low-pass applied before the cyclic-prefix correlation only.
+constexpr float AcquisitionFilterTaps[kEntryFilterTaps] = {
+    0.0331838019f, 0.00259015709f, -0.0409330614f, 0.0550406426f, 0.000958132965f,
+    -0.132238597f, 0.270846009f,   0.668089271f,   0.270846009f,  -0.132238597f,
+    0.000958132965f, 0.0550406426f, -0.0409330614f, 0.00259015709f, 0.0331838019f,
+};
+
+constexpr int32_t kMaxFftSize = 2048;
+constexpr int32_t kMaxSymbolLength = 2552;
+
+// Second stage by mode: first shift below the first stage's best, and the
+// bound the shifts stay below; mode III has none.
+constexpr int32_t kSecondStageFirstStep[4] = {192, 64, 0, 64};
+constexpr int32_t kSecondStageLimit[4] = {200, 50, 0, 100};
+
+// Filter input of one symbol: 15 older samples, then the symbol.
+float filterInputI[kEntryFilterTaps + kMaxSymbolLength];
+float filterInputQ[kEntryFilterTaps + kMaxSymbolLength];
+// The products of the shift in hand, real and imaginary parts.
+float productsRe[kMaxFftSize];
+float productsIm[kMaxFftSize];
+
+// Filters `count` samples from `bytes` into `out` (complex), continuing the
+// delay lines: y[n] = sum of taps[t] * x[n - 1 - t].
+void FilterSymbol(const uint8_t* bytes, int32_t count, float* out) {
+    FrameEntry& f = frameEntry;
+    // filterInput[m] holds x[m - 15]; the delay line is x[n-1], x[n-2], ...
+    for (int32_t t = 0; t < kEntryFilterTaps; ++t) {
+        filterInputI[kEntryFilterTaps - 1 - t] = f.delayI[t];
+        filterInputQ[kEntryFilterTaps - 1 - t] = f.delayQ[t];
+    }
+    for (int32_t n = 0; n < count; ++n) {
+        filterInputI[kEntryFilterTaps + n] = static_cast<float>(bytes[2 * n]) - 127.5f;
+        filterInputQ[kEntryFilterTaps + n] = static_cast<float>(bytes[2 * n + 1]) - 127.5f;
+    }
+    for (int32_t n = 0; n < count; ++n) {
+        float yi = 0.0f;
+        float yq = 0.0f;
+        for (int32_t t = 0; t < kEntryFilterTaps; ++t) {
+            yi += AcquisitionFilterTaps[t] * filterInputI[n + kEntryFilterTaps - 1 - t];
+            yq += AcquisitionFilterTaps[t] * filterInputQ[n + kEntryFilterTaps - 1 - t];
+        }
+        out[2 * n] = yi;
+        out[2 * n + 1] = yq;
+    }
+    for (int32_t t = 0; t < kEntryFilterTaps; ++t) {
+        f.delayI[t] = filterInputI[count + kEntryFilterTaps - 1 - t];
+        f.delayQ[t] = filterInputQ[count + kEntryFilterTaps - 1 - t];
+    }
+}
+
+// Angle of the guard interval against the end of the symbol it repeats.
+double CyclicPrefixAngle(const float* y, int32_t guardLength, int32_t fftSize) {
+    float re = 0.0f;
+    float im = 0.0f;
+    for (int32_t i = 0; i < guardLength; ++i) {
+        const float ar = y[2 * i], ai = y[2 * i + 1];
+        const float br = y[2 * (i + fftSize)], bi = y[2 * (i + fftSize) + 1];
+        re += ar * br + ai * bi;
+        im += ar * bi - ai * br;
+    }
+    return std::atan2(static_cast<double>(im), static_cast<double>(re));
+}
+
+void WrapPhase(double& phase) {
+    while (phase >= kTwoPi) phase -= kTwoPi;
+    while (phase < 0.0) phase += kTwoPi;
+}
+
+}  // namespace
+
+void ResetFrameEntry() {
+    for (int32_t t = 0; t < kEntryFilterTaps; ++t) {
+        frameEntry.delayI[t] = 0.0f;
+        frameEntry.delayQ[t] = 0.0f;
+    }
+    frameEntry.fractionalError = 0.0f;
+    frameEntry.integerShift = 0;
+}
+
+int32_t SecondStageShifts(int32_t transmissionMode, int32_t firstStageBest, int32_t* shifts, int32_t capacity) {
+    if (transmissionMode < 0 || transmissionMode > 3 || kSecondStageLimit[transmissionMode] == 0) return 0;
+    int32_t count = 0;
+    // The start and the step stay fixed whatever the shifts on the way yield.
+    const int32_t start = firstStageBest - kSecondStageFirstStep[transmissionMode];
+    for (int32_t s = start; s < kSecondStageLimit[transmissionMode] && count < capacity; s += kSecondStageStep) {
+        shifts[count++] = s;
+    }
+    return count;
+}
+
+double IntegerShiftMetric(const float* bins, const float* reference, int32_t fftSize, int32_t carrierCount,
+                          int32_t shift) {
+    const float* r = reference + 2 * (carrierCount / 2 + shift);
+    for (int32_t b = 0; b < fftSize; ++b) {
+        const float xr = bins[2 * b], xi = bins[2 * b + 1];
+        const float rr = r[2 * b], ri = r[2 * b + 1];
+        productsRe[b] = xr * rr + xi * ri;
+        productsIm[b] = xi * rr - xr * ri;
+    }
+    double dr = 0.0;
+    double di = 0.0;
+    for (int32_t b = 0; b + 1 < fftSize; ++b) {
+        const double ar = productsRe[b + 1], ai = productsIm[b + 1];
+        const double br = productsRe[b], bi = productsIm[b];
+        dr += ar * br + ai * bi;
+        di += ai * br - ar * bi;
+    }
+    return dr * dr + di * di;
+}
+
+int32_t SearchIntegerShift(const float* bins, const float* reference, int32_t transmissionMode) {
+    if (bins == nullptr || reference == nullptr || transmissionMode < 0 || transmissionMode > 3) return 0;
+    const int32_t n = kModeTable[transmissionMode].fftSize;
+    const int32_t k = kModeTable[transmissionMode].carrierCount;
+    double bestMetric = 0.0;
+    int32_t bestShift = 0;
+    for (int32_t s = kFirstStageLowest; s <= kFirstStageHighest; ++s) {
+        const double metric = IntegerShiftMetric(bins, reference, n, k, s);
+        if (metric > bestMetric) {
+            bestMetric = metric;
+            bestShift = s;
+        }
+    }
+    int32_t shifts[kMaxSecondStageShifts];
+    const int32_t count = SecondStageShifts(transmissionMode, bestShift, shifts, kMaxSecondStageShifts);
+    for (int32_t i = 0; i < count; ++i) {
+        const double metric = IntegerShiftMetric(bins, reference, n, k, shifts[i]);
+        if (metric > bestMetric) {
+            bestMetric = metric;
+            bestShift = shifts[i];
+        }
+    }
+    return bestShift;
+}
+
+int32_t EnterFirstFrame() {
+    const int32_t m = mode.transmissionMode;
+    const ModeParameters& p = mode.parameters;
+    if (m < 0 || m > 3 || m != mode.configuredMode) return 1;
+    if (workBlocks.historyBase == nullptr || modeBuffers.scratchStart == nullptr) return 1;
+    const int32_t symbolLength = p.symbolLength;
+    const int32_t fftSize = p.fftSize;
+    const int32_t guard = p.guardLength;
+    if (symbolLength > kMaxSymbolLength || fftSize > kMaxFftSize) return 1;
+    // Two buffers of one symbol each: the filtered symbol, and a private copy
+    // of the useful part of the first one.
+    if (modeBuffers.scratchBytes < 16 * symbolLength) return 1;
+    float* filtered = reinterpret_cast<float*>(modeBuffers.scratchStart);
+    float* copy = filtered + 2 * symbolLength;
+
+    // The reads must stay inside WorkingPool: the frame may start a little
+    // below historyBase, and the symbols end well inside the history.
+    const uint8_t* frame = workBlocks.historyBase + pipeline.frameSamples;
+    const int32_t symbols = receiverSettings.entrySymbols;
+    const uint8_t* poolEnd = workBlocks.workingPool + kWorkingPoolBytes;
+    if (symbols <= 0 || frame < workBlocks.workingPool || frame + 2 * symbols * symbolLength > poolEnd) return 1;
+
+    // Fraction of a carrier spacing: cyclic prefix angle, smoothed over the
+    // symbols with weight 1/4 for the newest.
+    float e = 0.0f;
+    for (int32_t r = 0; r < symbols; ++r) {
+        FilterSymbol(frame + 2 * r * symbolLength, symbolLength, filtered);
+        if (r == 0) std::memcpy(copy + 2 * guard, filtered + 2 * guard, 2 * fftSize * sizeof(float));
+        const double angle = CyclicPrefixAngle(filtered, guard, fftSize);
+        e = static_cast<float>(0.75 * static_cast<double>(e) + 0.25 * angle);
+    }
+    frameEntry.fractionalError = e;
+
+    FrequencyCorrection& fc = frequencyCorrection;
+    fc.samplePhaseIncrement -= static_cast<double>(e / static_cast<float>(fftSize));
+    float* useful = copy + 2 * guard;
+    RotateSamples(useful, fftSize, fc.samplePhase, fc.samplePhaseIncrement);
+    fc.samplePhase += symbolLength * fc.samplePhaseIncrement;
+    WrapPhase(fc.samplePhase);
+
+    // Whole carriers: only with a plan of this mode's length.
+    frameEntry.integerShift = 0;
+    if (dftPlan.committed != 1 || dftPlan.length != fftSize) return 1;
+    (void)ForwardDft(&dftPlan, useful);
+    const int32_t shift = SearchIntegerShift(useful, modeBuffers.referenceSymbol, m);
+    frameEntry.integerShift = shift;
+    fc.samplePhaseIncrement += shift * kTwoPi / fftSize;
+    return 1;
+}
 
 }  // namespace mvdab

@@ -1,19 +1,128 @@
 #include "demodulation/dft_service.h"
 
+#include <fftw3.h>
+
+#include <cmath>
+
 namespace mvdab {
 
 DftPlan dftPlan;
 
-// Placeholders until the transform service lands.
-int32_t CreateDftPlan(DftPlan*, int32_t) { return -1; }
-int32_t CommitDftPlan(DftPlan*) { return -1; }
-int32_t FreeDftPlan(DftPlan* plan) {
-    if (plan != nullptr) *plan = DftPlan{};
-    return 0;
+namespace {
+
+// Status words; only DftSucceeded gives them a meaning to callers.
+constexpr int32_t kDftOk = 0;
+constexpr int32_t kDftBadArgument = -1;
+constexpr int32_t kDftBadLength = -2;
+constexpr int32_t kDftPlannerFailed = -3;
+constexpr int32_t kDftNotReady = -4;
+
+bool SupportedLength(int32_t length) {
+    return length == 2048 || length == 512 || length == 256 || length == 1024;
 }
-int32_t ForwardDft(DftPlan*, float*) { return -1; }
-int32_t BackwardDft(DftPlan*, float*) { return -1; }
-bool DftSucceeded(int32_t status) { return status == 0; }
-void RotateSamples(float*, int32_t, double, double) {}
+
+// The plans are made in place on a buffer of their own and executed on the
+// caller's buffer. The caller's regions in WorkingPool sit at any multiple of
+// 8 bytes, so the plans are made without any alignment assumption.
+// FFTW_ESTIMATE keeps planning quick and the plan, hence the arithmetic,
+// identical from run to run.
+constexpr unsigned kPlannerFlags = FFTW_ESTIMATE | FFTW_UNALIGNED;
+
+int32_t Execute(DftPlan* plan, float* buffer, bool forward) {
+    if (plan == nullptr || buffer == nullptr) return kDftBadArgument;
+    if (plan->committed != 1) return kDftNotReady;
+    void* handle = forward ? plan->forward : plan->backward;
+    if (handle == nullptr) return kDftNotReady;
+    fftwf_complex* data = reinterpret_cast<fftwf_complex*>(buffer);
+    fftwf_execute_dft(static_cast<fftwf_plan>(handle), data, data);
+    return kDftOk;
+}
+
+}  // namespace
+
+int32_t CreateDftPlan(DftPlan* plan, int32_t length) {
+    if (plan == nullptr) return kDftBadArgument;
+    if (!SupportedLength(length)) return kDftBadLength;
+    if (plan->forward != nullptr || plan->backward != nullptr) return kDftBadArgument;
+
+    fftwf_complex* planningBuffer = fftwf_alloc_complex(static_cast<size_t>(length));
+    if (planningBuffer == nullptr) return kDftPlannerFailed;
+    fftwf_plan forward = fftwf_plan_dft_1d(length, planningBuffer, planningBuffer,
+                                           FFTW_FORWARD, kPlannerFlags);
+    fftwf_plan backward = fftwf_plan_dft_1d(length, planningBuffer, planningBuffer,
+                                            FFTW_BACKWARD, kPlannerFlags);
+    fftwf_free(planningBuffer);
+    if (forward == nullptr || backward == nullptr) {
+        if (forward != nullptr) fftwf_destroy_plan(forward);
+        if (backward != nullptr) fftwf_destroy_plan(backward);
+        return kDftPlannerFailed;
+    }
+    plan->forward = forward;
+    plan->backward = backward;
+    plan->length = length;
+    plan->committed = 0;
+    return kDftOk;
+}
+
+int32_t CommitDftPlan(DftPlan* plan) {
+    if (plan == nullptr) return kDftBadArgument;
+    if (plan->forward == nullptr || plan->backward == nullptr) return kDftNotReady;
+    plan->committed = 1;
+    return kDftOk;
+}
+
+int32_t FreeDftPlan(DftPlan* plan) {
+    if (plan == nullptr) return kDftBadArgument;
+    if (plan->forward != nullptr) fftwf_destroy_plan(static_cast<fftwf_plan>(plan->forward));
+    if (plan->backward != nullptr) fftwf_destroy_plan(static_cast<fftwf_plan>(plan->backward));
+    *plan = DftPlan{};
+    return kDftOk;
+}
+
+int32_t ForwardDft(DftPlan* plan, float* buffer) { return Execute(plan, buffer, true); }
+
+int32_t BackwardDft(DftPlan* plan, float* buffer) { return Execute(plan, buffer, false); }
+
+bool DftSucceeded(int32_t status) { return status == kDftOk; }
+
+void RotateSamples(float* samples, int32_t count, double phase, double phaseIncrement) {
+    if (samples == nullptr || count <= 0) return;
+
+    // The two sine/cosine pairs of the call: the start phasor and the step.
+    const float c = static_cast<float>(std::cos(phaseIncrement));
+    const float s = static_cast<float>(std::sin(phaseIncrement));
+    float re[4];
+    float im[4];
+    re[0] = static_cast<float>(std::cos(phase));
+    im[0] = static_cast<float>(std::sin(phase));
+    for (int k = 1; k < 4; ++k) {
+        re[k] = re[k - 1] * c - im[k - 1] * s;
+        im[k] = re[k - 1] * s + im[k - 1] * c;
+    }
+    // Step of a group of four: (u3 * e^(j inc)) * conj(u0) = e^(4j inc).
+    const float nextRe = re[3] * c - im[3] * s;
+    const float nextIm = re[3] * s + im[3] * c;
+    const float stepRe = nextRe * re[0] + nextIm * im[0];
+    const float stepIm = nextIm * re[0] - nextRe * im[0];
+
+    const int32_t groups = count / 4;
+    for (int32_t g = 0; g < groups; ++g) {
+        if (g != 0) {
+            for (int k = 0; k < 4; ++k) {
+                const float r = re[k] * stepRe - im[k] * stepIm;
+                const float i = re[k] * stepIm + im[k] * stepRe;
+                re[k] = r;
+                im[k] = i;
+            }
+        }
+        float* group = samples + 8 * g;
+        for (int k = 0; k < 4; ++k) {
+            const float x = group[2 * k];
+            const float y = group[2 * k + 1];
+            group[2 * k] = x * re[k] - y * im[k];
+            group[2 * k + 1] = x * im[k] + y * re[k];
+        }
+    }
+}
 
 }  // namespace mvdab
