@@ -1,0 +1,176 @@
+// DemodulateFrame and SymbolMask: which symbols are transformed, which rows
+// of FrameCarriers are written, and what a skipped or reference-only symbol
+// does to the phase and the frequency loop. The samples are noise: these
+// tests are about bookkeeping, not about the quality of the soft values.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <random>
+#include <vector>
+
+#include "demod_setup.h"
+#include "demodulation/symbol_demodulator.h"
+
+namespace {
+
+using namespace mvdab;
+
+constexpr float kSentinel = -12345.0f;
+
+void FillHistoryWithNoise(uint32_t seed) {
+    std::mt19937 rng(seed);
+    std::uniform_int_distribution<int> byte(97, 158);
+    uint8_t* p = workBlocks.historyBase;
+    const int64_t n = demodtest::HistoryBytes();
+    for (int64_t i = 0; i < n; ++i) p[i] = static_cast<uint8_t>(byte(rng));
+}
+
+void FillFrameCarriers(float value) {
+    const ModeParameters& m = mode.parameters;
+    const int64_t floats = static_cast<int64_t>(m.symbolsPerFrame) * 2 * m.carrierCount;
+    for (int64_t i = 0; i < floats; ++i) modeBuffers.frameCarriers[i] = value;
+}
+
+bool RowUntouched(int32_t row) {
+    const int32_t k = mode.parameters.carrierCount;
+    const float* r = modeBuffers.frameCarriers + static_cast<int64_t>(row) * 2 * k;
+    for (int32_t i = 0; i < 2 * k; ++i)
+        if (r[i] != kSentinel) return false;
+    return true;
+}
+
+std::vector<float> Row(int32_t row) {
+    const int32_t k = mode.parameters.carrierCount;
+    const float* r = modeBuffers.frameCarriers + static_cast<int64_t>(row) * 2 * k;
+    return std::vector<float>(r, r + 2 * k);
+}
+
+double ExpectedPhase(double start, int32_t transformedSymbols) {
+    double phase = start;
+    for (int32_t i = 0; i < transformedSymbols; ++i) {
+        phase += mode.parameters.symbolLength * frequencyCorrection.samplePhaseIncrement;
+        while (phase >= kTwoPi) phase -= kTwoPi;
+        while (phase < 0.0) phase += kTwoPi;
+    }
+    return phase;
+}
+
+class DemodMask : public ::testing::TestWithParam<int32_t> {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(demodtest::SetUpMode(GetParam()));
+        FillHistoryWithNoise(11 + GetParam());
+        FillFrameCarriers(kSentinel);
+        pipeline.frameSamples = 1000;
+    }
+};
+
+// With the FIC-only mask exactly the phase reference and the FIC symbols are
+// transformed (the phase advances once per transformed symbol and not for
+// the skipped ones), the FIC rows are written and no other row is touched.
+TEST_P(DemodMask, FicOnlyMaskWritesFicRowsAndAdvancesPhasePerTransformedSymbol) {
+    receiverSettings.frequencyLoopGain = 0.0f;  // keep the increment fixed
+    frequencyCorrection.samplePhase = 6.2;
+    frequencyCorrection.samplePhaseIncrement = 0.00123;
+    const int32_t fic = mode.parameters.firstMscSymbol;
+    ASSERT_EQ(DemodulateFrame(), 1);
+
+    EXPECT_DOUBLE_EQ(frequencyCorrection.samplePhase, ExpectedPhase(6.2, fic));
+    EXPECT_TRUE(RowUntouched(0));
+    for (int32_t l = 1; l < fic; ++l) EXPECT_FALSE(RowUntouched(l)) << "row " << l;
+    for (int32_t l = fic; l < mode.parameters.symbolsPerFrame; ++l) EXPECT_TRUE(RowUntouched(l)) << "row " << l;
+}
+
+TEST_P(DemodMask, EverySymbolSelectedWritesEveryRowButTheReference) {
+    receiverSettings.frequencyLoopGain = 0.0f;
+    frequencyCorrection.samplePhaseIncrement = -0.0007;
+    const int32_t symbols = mode.parameters.symbolsPerFrame;
+    SymbolMask[0] = kMaskReference;
+    for (int32_t l = 1; l < symbols; ++l) SymbolMask[l] = kMaskReference | kMaskData;
+    ASSERT_EQ(DemodulateFrame(), 1);
+    EXPECT_DOUBLE_EQ(frequencyCorrection.samplePhase, ExpectedPhase(0.0, symbols));
+    EXPECT_TRUE(RowUntouched(0));
+    for (int32_t l = 1; l < symbols; ++l) EXPECT_FALSE(RowUntouched(l)) << "row " << l;
+}
+
+// A reference-only symbol is transformed and becomes the reference of the
+// next one, but writes no row and leaves the frequency loop alone. Its
+// successor's row equals what it is when the reference is demodulated as well
+// (the loop is off, so the rotation is the same in both runs).
+TEST_P(DemodMask, ReferenceOnlySymbolFeedsTheNextProductWithoutARowOrLoopStep) {
+    const int32_t symbols = mode.parameters.symbolsPerFrame;
+    const int32_t ref = symbols - 6;
+    receiverSettings.frequencyLoopGain = 0.0f;
+    SymbolMask[ref] = kMaskReference | kMaskData;
+    SymbolMask[ref + 1] = kMaskData;
+    ASSERT_EQ(DemodulateFrame(), 1);
+    const std::vector<float> demodulatedBoth = Row(ref + 1);
+
+    FillFrameCarriers(kSentinel);
+    frequencyCorrection = FrequencyCorrection{};
+    SymbolMask[ref] = kMaskReference;
+    ASSERT_EQ(DemodulateFrame(), 1);
+    EXPECT_TRUE(RowUntouched(ref));
+    EXPECT_EQ(Row(ref + 1), demodulatedBoth);
+
+    // Only reference-only symbols: the loop gain is on, the increment stays
+    // and no row is written.
+    demodtest::WriteDefaultSettings();
+    FillFrameCarriers(kSentinel);
+    for (int32_t l = 1; l < symbols; ++l) SymbolMask[l] = l < 6 ? kMaskReference : 0;
+    frequencyCorrection.samplePhaseIncrement = 0.0005;
+    ASSERT_EQ(DemodulateFrame(), 1);
+    EXPECT_EQ(frequencyCorrection.samplePhaseIncrement, 0.0005);
+    for (int32_t l = 0; l < symbols; ++l) EXPECT_TRUE(RowUntouched(l)) << "row " << l;
+}
+
+// A demodulated symbol moves the frequency loop; two frames with the same
+// samples and start values give the same soft values bit for bit.
+TEST_P(DemodMask, DemodulationIsDeterministicAndStepsTheFrequencyLoop) {
+    frequencyCorrection.samplePhaseIncrement = 0.0002;
+    ASSERT_EQ(DemodulateFrame(), 1);
+    EXPECT_NE(frequencyCorrection.samplePhaseIncrement, 0.0002);
+    const std::vector<float> first = Row(1);
+    const FrequencyCorrection after = frequencyCorrection;
+
+    FillFrameCarriers(kSentinel);
+    ASSERT_TRUE(demodtest::SetUpMode(GetParam()));
+    pipeline.frameSamples = 1000;
+    frequencyCorrection.samplePhaseIncrement = 0.0002;
+    ASSERT_EQ(DemodulateFrame(), 1);
+    EXPECT_EQ(Row(1), first);
+    EXPECT_EQ(frequencyCorrection.samplePhase, after.samplePhase);
+    EXPECT_EQ(frequencyCorrection.samplePhaseIncrement, after.samplePhaseIncrement);
+}
+
+// A frame that would run past the end of the history, or a plan that does
+// not fit the mode, is refused without touching anything.
+TEST_P(DemodMask, RefusesFramesOutsideThePoolAndMismatchedPlans) {
+    frequencyCorrection.samplePhase = 1.0;
+    const ModeParameters& m = mode.parameters;
+    pipeline.frameSamples = static_cast<int32_t>(demodtest::HistoryBytes()) - m.frameBytes + 2 * m.nullLength + 2;
+    EXPECT_EQ(DemodulateFrame(), 0);
+    pipeline.frameSamples = static_cast<int32_t>(-(workBlocks.historyBase - workBlocks.workingPool)) - 2 * m.guardLength - 2;
+    EXPECT_EQ(DemodulateFrame(), 0);
+    pipeline.frameSamples = 0;
+    const int32_t length = dftPlan.length;
+    dftPlan.length = length == 2048 ? 256 : 2048;
+    EXPECT_EQ(DemodulateFrame(), 0);
+    dftPlan.length = length;
+    EXPECT_EQ(frequencyCorrection.samplePhase, 1.0);
+    for (int32_t l = 0; l < m.symbolsPerFrame; ++l) EXPECT_TRUE(RowUntouched(l));
+
+    // The last frame that still fits is accepted.
+    pipeline.frameSamples = static_cast<int32_t>(demodtest::HistoryBytes()) - m.frameBytes + 2 * m.nullLength;
+    EXPECT_EQ(DemodulateFrame(), 1);
+}
+
+std::string ModeName(const ::testing::TestParamInfo<int32_t>& info) {
+    const char* const names[4] = {"ModeI", "ModeII", "ModeIII", "ModeIV"};
+    return names[info.param];
+}
+
+INSTANTIATE_TEST_SUITE_P(AllModes, DemodMask, ::testing::Values(0, 1, 2, 3), ModeName);
+
+}  // namespace

@@ -1,0 +1,78 @@
+// Puts the receiver into the tracking state for one transmission mode without
+// running acquisition: settings, WorkingPool with its mode regions and DFT
+// plan, the full history, and the loops at their start values. Shared by the
+// demodulation, tracking and excision tests.
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+#include "acquisition/mode_buffers.h"
+#include "demodulation/dft_service.h"
+#include "demodulation/interference_excision.h"
+#include "demodulation/tracking_loops.h"
+#include "receiver/receiver_state.h"
+#include "services/symbol_mask.h"
+
+namespace demodtest {
+
+inline void WriteDefaultSettings() {
+    using mvdab::receiverSettings;
+    receiverSettings.frequencyLoopGain = 1.0f / 16384.0f;
+    receiverSettings.timingIntegralGains[0] = 0.01f;
+    receiverSettings.timingIntegralGains[1] = 0.005f;
+    receiverSettings.timingIntegralGains[2] = 0.005f;
+    receiverSettings.timingProportionalGains[0] = 0.1f;
+    receiverSettings.timingProportionalGains[1] = 1.0f / 15.0f;
+    receiverSettings.timingProportionalGains[2] = 1.0f / 15.0f;
+    receiverSettings.timingGainStepFrames[0] = 100;
+    receiverSettings.timingGainStepFrames[1] = 200;
+    receiverSettings.clockCorrectionEnabled = 1;
+    receiverSettings.clockCorrectionPeriod = 150;
+    receiverSettings.impulseScales[0] = 1.0f / 17179869184.0f;  // 2^-34
+    receiverSettings.impulseScales[1] = 1.0f / 1073741824.0f;   // 2^-30
+    receiverSettings.impulseScales[2] = 1.0f / 268435456.0f;    // 2^-28
+    receiverSettings.impulseScales[3] = 1.0f / 4294967296.0f;   // 2^-32
+    receiverSettings.excisionEnabled = 1;
+    receiverSettings.carrierWeightOne = 1.0f;
+}
+
+// The pool lives for the whole test program; each set-up lays it out anew.
+inline std::vector<uint8_t>& Pool() {
+    static std::vector<uint8_t> pool(mvdab::kWorkingPoolBytes);
+    return pool;
+}
+
+// Mode `m` (0..3) decided and configured, history at full depth, tracking
+// loops and excision at their start values, FIC-only mask, phase and
+// frequency correction 0. Returns false if the DFT service failed.
+inline bool SetUpMode(int32_t m) {
+    using namespace mvdab;
+    WriteDefaultSettings();
+    std::vector<uint8_t>& pool = Pool();
+    workBlocks = WorkBlocks{};
+    workBlocks.workingPool = pool.data();
+    workBlocks.newestSlot = pool.data() + kNewestSlotOffset;
+    const bool firstTime = dftPlan.forward == nullptr;
+    mode.transmissionMode = m;
+    mode.parameters = kModeTable[m];
+    if (ConfigureModeBuffers(firstTime ? 1 : 0) != 1) return false;
+    mode.configuredMode = m;
+    SwitchOnHistory(m);
+    ResetTrackingLoops();
+    ResetExcision();
+    trackingLoops.clockHoldoff = receiverSettings.clockCorrectionPeriod;
+    frequencyCorrection = FrequencyCorrection{};
+    ResetSymbolMask();
+    pipeline.frameSamples = 0;
+    pipeline.framePositionExact = 0.0f;
+    return true;
+}
+
+// Bytes available behind historyBase up to the end of the pool.
+inline int64_t HistoryBytes() {
+    return static_cast<int64_t>(mvdab::kWorkingPoolBytes) - (mvdab::workBlocks.historyBase - mvdab::workBlocks.workingPool);
+}
+
+}  // namespace demodtest
