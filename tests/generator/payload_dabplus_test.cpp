@@ -1,0 +1,181 @@
+// DAB+ superframes: the worked example byte for byte, round trips through an
+// independent parser, and the sample superframe files.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+
+#include "generator/payload_dabplus.h"
+#include "tests/generator/payload_checks.h"
+
+namespace {
+
+// Parses and checks a superframe of 120 * s bytes: firecode, RS columns, AU
+// layout and AU CRCs. Returns the AU payloads, or an empty list on any fault.
+std::vector<std::vector<uint8_t>> ParseSuperframe(const uint8_t* sf, int s, std::string* why) {
+    auto fail = [&](const std::string& w) { *why = w; return std::vector<std::vector<uint8_t>>{}; };
+    if (check::FirecodeResidue(sf) != 0) return fail("firecode");
+    for (int c = 0; c < s; ++c)
+        if (!check::SyndromesZero(sf + c, 120, static_cast<size_t>(s), 10)) return fail("RS column " + std::to_string(c));
+    const bool dac = sf[2] & 0x40, sbr = sf[2] & 0x20;
+    const int numAus = dac ? (sbr ? 3 : 6) : (sbr ? 2 : 4);
+    std::vector<int> start = {dac ? (sbr ? 6 : 11) : (sbr ? 5 : 8)};
+    for (int k = 1; k < numAus; ++k) {
+        const int bit = 24 + 12 * (k - 1), byte = bit / 8;
+        const int v = (sf[byte] << 8 | sf[byte + 1]);
+        start.push_back(bit % 8 == 0 ? v >> 4 : v & 0xFFF);
+    }
+    start.push_back(110 * s);
+    std::vector<std::vector<uint8_t>> aus;
+    for (int k = 0; k < numAus; ++k) {
+        if (start[k + 1] - start[k] < 2) return fail("AU " + std::to_string(k) + " too short");
+        if (!check::CrcResidueOk(sf + start[k], static_cast<size_t>(start[k + 1] - start[k])))
+            return fail("AU CRC " + std::to_string(k));
+        aus.emplace_back(sf + start[k], sf + start[k + 1] - 2);
+    }
+    return aus;
+}
+
+std::vector<uint8_t> Pull(gen::PayloadSource& src, int s, int superframes) {
+    std::vector<uint8_t> out(static_cast<size_t>(120 * s * superframes));
+    for (int f = 0; f < 5 * superframes; ++f) src.NextLogicalFrame(&out[static_cast<size_t>(24 * s * f)], 24 * s);
+    return out;
+}
+
+TEST(DabPlusSuperframe, WorkedExampleBitExact) {
+    gen::DabPlusAudio audio;  // 48 kHz, SBR, stereo: 3 AUs
+    const std::vector<std::vector<uint8_t>> aus = {std::vector<uint8_t>(200, 0x11), std::vector<uint8_t>(210, 0x22),
+                                                   std::vector<uint8_t>(238, 0x33)};
+    uint8_t sf[720];
+    ASSERT_TRUE(gen::BuildDabPlusSuperframe(audio, 6, aus, sf));
+    const uint8_t head[16] = {0x44, 0x7D, 0x70, 0x0D, 0x01, 0xA4, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11};
+    EXPECT_EQ(0, std::memcmp(sf, head, 16));
+    EXPECT_EQ(sf[206], 0x00); EXPECT_EQ(sf[207], 0x24);
+    EXPECT_EQ(sf[418], 0x36); EXPECT_EQ(sf[419], 0xFC);
+    const uint8_t tail[18] = {0x33, 0x33, 0x33, 0x33, 0xB6, 0x64, 0x69, 0x35, 0x70,
+                              0x2C, 0x26, 0xD8, 0xFA, 0x92, 0x86, 0xF7, 0x60, 0x01};
+    EXPECT_EQ(0, std::memcmp(sf + 654, tail, 18));
+    const uint8_t p0[10] = {0x69, 0xFA, 0x2F, 0x01, 0x84, 0xC1, 0xC0, 0xE0, 0x9A, 0x24};
+    const uint8_t p5[10] = {0xD8, 0x01, 0x31, 0xA6, 0x69, 0xC0, 0xE0, 0x75, 0x8A, 0xC4};
+    for (int m = 0; m < 10; ++m) {
+        EXPECT_EQ(sf[660 + 6 * m], p0[m]) << m;
+        EXPECT_EQ(sf[665 + 6 * m], p5[m]) << m;
+    }
+    // One byte too many does not fit; a wrong AU count is refused.
+    auto big = aus;
+    big[2].push_back(0);
+    EXPECT_FALSE(gen::BuildDabPlusSuperframe(audio, 6, big, sf));
+    big.pop_back();
+    EXPECT_FALSE(gen::BuildDabPlusSuperframe(audio, 6, big, sf));
+}
+
+// Every audio mode and sizes around the firecode's reach (s < 11 puts the
+// header in several rows) round-trip through the independent parser.
+TEST(DabPlusSuperframe, SyntheticSourceRoundTrip) {
+    for (int mode = 0; mode < 4; ++mode) {
+        gen::DabPlusAudio audio;
+        audio.dac48k = mode & 1;
+        audio.sbr = mode & 2;
+        audio.stereo = !(mode == 2);
+        audio.ps = mode == 2;
+        const gen::DabPlusLayout layout = gen::DabPlusLayoutFor(audio);
+        EXPECT_EQ(layout.numAus, audio.dac48k ? (audio.sbr ? 3 : 6) : (audio.sbr ? 2 : 4));
+        for (int s : {1, 4, 6, 11, 12, 24}) {
+            auto src = gen::MakeDabPlusSyntheticPayload(8 * s, audio, 3);
+            ASSERT_TRUE(src);
+            const auto bytes = Pull(*src, s, 3);
+            for (int k = 0; k < 3; ++k) {
+                std::string why;
+                const auto aus = ParseSuperframe(&bytes[static_cast<size_t>(120 * s * k)], s, &why);
+                ASSERT_EQ(aus.size(), static_cast<size_t>(layout.numAus)) << "mode " << mode << " s " << s << ": " << why;
+                EXPECT_EQ(bytes[static_cast<size_t>(120 * s * k) + 2] & 0x78, (audio.dac48k ? 0x40 : 0) |
+                          (audio.sbr ? 0x20 : 0) | (audio.stereo ? 0x10 : 0) | (audio.ps ? 0x08 : 0));
+            }
+            auto twin = gen::MakeDabPlusSyntheticPayload(8 * s, audio, 3);
+            EXPECT_EQ(bytes, Pull(*twin, s, 3));
+            auto other = gen::MakeDabPlusSyntheticPayload(8 * s, audio, 4);
+            EXPECT_NE(bytes, Pull(*other, s, 3));
+        }
+    }
+    EXPECT_FALSE(gen::MakeDabPlusSyntheticPayload(44, gen::DabPlusAudio{}, 1));
+}
+
+TEST(DabPlusSuperframe, AccessUnitFileRoundTrip) {
+    const std::string path = testing::TempDir() + "aus.bin";
+    std::vector<std::vector<uint8_t>> aus;
+    {
+        std::ofstream f(path, std::ios::binary);
+        for (int k = 0; k < 7; ++k) {  // two superframes of 3 AUs; the 7th is ignored
+            std::vector<uint8_t> au(static_cast<size_t>(150 + 10 * k));
+            for (size_t i = 0; i < au.size(); ++i) au[i] = static_cast<uint8_t>(k * 31 + i);
+            const uint8_t len[2] = {static_cast<uint8_t>(au.size() >> 8), static_cast<uint8_t>(au.size())};
+            f.write(reinterpret_cast<const char*>(len), 2);
+            f.write(reinterpret_cast<const char*>(au.data()), static_cast<std::streamsize>(au.size()));
+            aus.push_back(au);
+        }
+    }
+    std::string error;
+    auto src = gen::MakeDabPlusAuFilePayload(path, 48, gen::DabPlusAudio{}, &error);
+    ASSERT_TRUE(src) << error;
+    const auto bytes = Pull(*src, 6, 3);
+    for (int k = 0; k < 3; ++k) {
+        std::string why;
+        const auto got = ParseSuperframe(&bytes[static_cast<size_t>(720 * k)], 6, &why);
+        ASSERT_EQ(got.size(), 3u) << why;
+        for (int a = 0; a < 3; ++a) {
+            const auto& want = aus[static_cast<size_t>((k % 2) * 3 + a)];
+            ASSERT_GE(got[a].size(), want.size());
+            EXPECT_TRUE(std::equal(want.begin(), want.end(), got[a].begin()));
+            // Only the last AU is padded, with zeros.
+            if (a < 2) {
+                EXPECT_EQ(got[a].size(), want.size());
+            }
+            for (size_t i = want.size(); i < got[a].size(); ++i) ASSERT_EQ(got[a][i], 0);
+        }
+    }
+    // At 32 kbit/s the same units overflow the superframe.
+    EXPECT_FALSE(gen::MakeDabPlusAuFilePayload(path, 32, gen::DabPlusAudio{}, &error));
+    EXPECT_NE(error.find("do not fit"), std::string::npos);
+}
+
+std::string SamplesDir() {
+    const char* env = std::getenv("MVDAB_SAMPLES_DIR");
+    return env ? env : "../shared/samples";
+}
+
+// The sample files: every superframe passes the checks, and the file source
+// sends the file unchanged, looping.
+TEST(DabPlusSuperframe, SampleFilesPassTheChecks) {
+    const struct { const char* name; int kbps; } files[] = {
+        {"speech-heaac-48k.dabp", 48}, {"speech-heaacv2-32k.dabp", 32}, {"tones-aaclc-96k.dabp", 96}};
+    int found = 0;
+    for (const auto& f : files) {
+        const std::string path = SamplesDir() + "/" + f.name;
+        std::ifstream in(path, std::ios::binary);
+        if (!in) continue;
+        ++found;
+        const std::vector<uint8_t> file((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        const int s = f.kbps / 8;
+        const size_t count = file.size() / static_cast<size_t>(120 * s);
+        ASSERT_GT(count, 0u);
+        for (size_t k = 0; k < count; ++k) {
+            std::string why;
+            ASSERT_FALSE(ParseSuperframe(&file[k * 120 * s], s, &why).empty()) << f.name << " superframe " << k << ": " << why;
+        }
+        std::string error;
+        auto src = gen::MakeDabPlusSuperframeFilePayload(path, f.kbps, &error);
+        ASSERT_TRUE(src) << error;
+        const auto sent = Pull(*src, s, static_cast<int>(count) + 1);
+        EXPECT_TRUE(std::equal(file.begin(), file.end(), sent.begin()));
+        EXPECT_TRUE(std::equal(file.begin(), file.begin() + 120 * s, sent.end() - 120 * s));
+        if (file.size() % static_cast<size_t>(120 * (s + 1)) != 0) {
+            EXPECT_FALSE(gen::MakeDabPlusSuperframeFilePayload(path, f.kbps + 8, &error));
+        }
+    }
+    if (found == 0) GTEST_SKIP() << "no sample files in " << SamplesDir();
+}
+
+}  // namespace
