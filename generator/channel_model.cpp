@@ -153,7 +153,7 @@ struct ChannelModel::State {
     History rsIn;
     int64_t rsNext = 0;         // next output index of the stage
 
-    std::vector<cf> stage1, stage2;  // scratch
+    std::vector<cf> stage1, stage2, pathScratch;  // scratch
 
     void Multipath(const cf* in, size_t n, std::vector<cf>& out);
     void Resample(const cf* in, size_t n, std::vector<cf>& out);
@@ -235,8 +235,15 @@ ChannelModel::ChannelModel(const ChannelParams& params, double signalPower) : st
 
 ChannelModel::~ChannelModel() = default;
 
+// y += w * x over n floats; the arrays do not overlap, so this vectorises.
+static void AddScaled(float* __restrict y, const float* __restrict x, float w, size_t n) {
+    for (size_t m = 0; m < n; ++m) y[m] += w * x[m];
+}
+
 // Sum over the paths of gain x delayed input, the gain following the fading
 // process. Output n needs input n - delay (or the kernel's span around it).
+// Complex products are written out: the library's operator checks for
+// infinities and is far slower.
 void ChannelModel::State::Multipath(const cf* in, size_t n, std::vector<cf>& out) {
     mpIn.Append(in, n);
     out.clear();
@@ -244,41 +251,50 @@ void ChannelModel::State::Multipath(const cf* in, size_t n, std::vector<cf>& out
     if (last < mpNext) return;
     const size_t count = static_cast<size_t>(last - mpNext + 1);
     out.assign(count, cf(0, 0));
+    float* y = reinterpret_cast<float*>(out.data());
     for (const Path& p : paths) {
+        // The path's delayed input, through the fractional kernel if needed:
+        // an axpy per kernel weight over the interleaved floats.
+        const float* x;
+        if (p.fractional) {
+            pathScratch.assign(count, cf(0, 0));
+            float* v = reinterpret_cast<float*>(pathScratch.data());
+            const float* src = reinterpret_cast<const float*>(
+                &mpIn.buf[static_cast<size_t>(mpNext - p.delay - mpIn.base - kHalfTaps + 1)]);
+            // In chunks that stay in the first-level cache.
+            for (size_t c0 = 0; c0 < 2 * count; c0 += 2048) {
+                const size_t len = std::min<size_t>(2048, 2 * count - c0);
+                for (int j = 0; j < kTaps; ++j) AddScaled(v + c0, src + c0 + 2 * j, p.weights[j], len);
+            }
+            x = v;
+        } else {
+            x = reinterpret_cast<const float*>(&mpIn.buf[static_cast<size_t>(mpNext - p.delay - mpIn.base)]);
+        }
+        if (!p.fades) {
+            const float gr = p.gain.real(), gi = p.gain.imag();
+            for (size_t k = 0; k < count; ++k) {
+                const float xr = x[2 * k], xi = x[2 * k + 1];
+                y[2 * k] += gr * xr - gi * xi;
+                y[2 * k + 1] += gr * xi + gi * xr;
+            }
+            continue;
+        }
+        // Fading: the gain moves linearly between grid points kFadeStep apart.
         size_t k = 0;
+        cd b = cd(p.gain) * p.fading.At(mpNext - (mpNext % kFadeStep));
         while (k < count) {
             const int64_t first = mpNext + static_cast<int64_t>(k);
-            // One segment of the fading grid (or everything, without fading).
-            size_t segment = count - k;
-            cd fadeA = 1, fadeB = 1;
-            int64_t grid = first;
-            if (p.fades) {
-                grid = first - (first % kFadeStep);
-                segment = std::min<size_t>(segment, static_cast<size_t>(grid + kFadeStep - first));
-                fadeA = p.fading.At(grid);
-                fadeB = p.fading.At(grid + kFadeStep);
-            }
+            const int64_t grid = first - (first % kFadeStep);
+            const size_t segment = std::min<size_t>(count - k, static_cast<size_t>(grid + kFadeStep - first));
+            const cd a = b;  // the previous segment's end point
+            b = cd(p.gain) * p.fading.At(grid + kFadeStep);
             for (size_t m = 0; m < segment; ++m, ++k) {
-                const int64_t idx = mpNext + static_cast<int64_t>(k);
-                cf gain = p.gain;
-                if (p.fades) {
-                    const double f = static_cast<double>(idx - grid) / kFadeStep;
-                    gain *= cf(fadeA + f * (fadeB - fadeA));
-                }
-                const int64_t centre = idx - p.delay - mpIn.base;  // index in the history
-                cf v;
-                if (p.fractional) {
-                    const cf* x = &mpIn.buf[static_cast<size_t>(centre - kHalfTaps + 1)];
-                    float re = 0, im = 0;
-                    for (int j = 0; j < kTaps; ++j) {
-                        re += x[j].real() * p.weights[j];
-                        im += x[j].imag() * p.weights[j];
-                    }
-                    v = cf(re, im);
-                } else {
-                    v = mpIn.buf[static_cast<size_t>(centre)];
-                }
-                out[k] += gain * v;
+                const double f = static_cast<double>(first + static_cast<int64_t>(m) - grid) / kFadeStep;
+                const float gr = static_cast<float>(a.real() + f * (b.real() - a.real()));
+                const float gi = static_cast<float>(a.imag() + f * (b.imag() - a.imag()));
+                const float xr = x[2 * k], xi = x[2 * k + 1];
+                y[2 * k] += gr * xr - gi * xi;
+                y[2 * k + 1] += gr * xi + gi * xr;
             }
         }
     }
@@ -345,7 +361,9 @@ void ChannelModel::State::Finish(const cf* in, size_t n, std::vector<cf>& out) {
             const double t = static_cast<double>(index) / kChannelSampleRate;
             double cycles = f0 * t + 0.5 * drift * t * t;
             cycles -= std::floor(cycles);
-            v *= cf(std::polar(1.0, kTwoPi * cycles));
+            const double ph = kTwoPi * cycles;
+            const float c = static_cast<float>(std::cos(ph)), sn = static_cast<float>(std::sin(ph));
+            v = cf(v.real() * c - v.imag() * sn, v.real() * sn + v.imag() * c);
         }
         if (static_cast<int64_t>(index) >= dropoutBegin && static_cast<int64_t>(index) < dropoutEnd) v = 0;
         y[k] = v;
