@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "generator/payload.h"
+
 namespace check {
 
 // GF(256) with x^8 + x^4 + x^3 + x^2 + 1, shift-and-add.
@@ -62,6 +64,13 @@ inline unsigned FirecodeResidue(const uint8_t* sf) {
         }
     }
     return reg;
+}
+
+// `frames` logical frames of `length` bytes from a source, back to back.
+inline std::vector<uint8_t> Pull(gen::PayloadSource& src, size_t length, int frames) {
+    std::vector<uint8_t> out(length * static_cast<size_t>(frames));
+    for (int f = 0; f < frames; ++f) src.NextLogicalFrame(&out[length * static_cast<size_t>(f)], length);
+    return out;
 }
 
 }  // namespace check

@@ -2,19 +2,10 @@
 // the transport packet that was logged.
 #include <gtest/gtest.h>
 
-#include <fstream>
-
 #include "generator/payload_sources.h"
 #include "tests/generator/payload_checks.h"
 
 namespace {
-
-std::vector<uint8_t> Pull(gen::PayloadSource& src, int kbps, int frames) {
-    const size_t len = static_cast<size_t>(3 * kbps);
-    std::vector<uint8_t> out(len * static_cast<size_t>(frames));
-    for (int f = 0; f < frames; ++f) src.NextLogicalFrame(&out[len * static_cast<size_t>(f)], len);
-    return out;
-}
 
 // Coded byte q (branch q mod 12) leaves the interleaver 204 * (q mod 12)
 // bytes later. Returns the coded words that are complete in `sent`.
@@ -38,7 +29,7 @@ TEST(TdmbPayload, InterleavedCodewordsCarryTheLoggedPackets) {
     params.tsLog = std::make_shared<std::vector<std::vector<uint8_t>>>();
     auto src = gen::MakeTdmbPayload(96, params);
     ASSERT_TRUE(src);
-    const auto sent = Pull(*src, 96, 100);  // 28,800 bytes
+    const auto sent = check::Pull(*src, 3 * 96, 100);  // 28,800 bytes
     // Branch 0 is not delayed: a sync byte every 204 bytes from the start;
     // the other branches start with their zero-filled delay lines.
     for (size_t k = 0; k < sent.size(); k += 204) ASSERT_EQ(sent[k], 0x47) << k;
@@ -56,28 +47,7 @@ TEST(TdmbPayload, InterleavedCodewordsCarryTheLoggedPackets) {
         for (int i = 4; i < 188; ++i) ASSERT_NE(ts[i], 0x47);
     }
     params.tsLog.reset();
-    EXPECT_EQ(sent, Pull(*gen::MakeTdmbPayload(96, params), 96, 100));
-}
-
-TEST(TdmbPayload, TransportPacketsFromAFile) {
-    const std::string path = testing::TempDir() + "three.ts";
-    std::vector<uint8_t> file(3 * 188);
-    for (size_t i = 0; i < file.size(); ++i) file[i] = i % 188 == 0 ? 0x47 : static_cast<uint8_t>(i * 13);
-    std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(file.data()), static_cast<std::streamsize>(file.size()));
-    gen::TdmbStreamParams params;
-    params.tsFile = path;
-    std::string error;
-    auto src = gen::MakeTdmbPayload(64, params, &error);
-    ASSERT_TRUE(src) << error;
-    const auto words = Deinterleave(Pull(*src, 64, 40));
-    ASSERT_GT(words.size(), 10u);
-    for (size_t w = 0; w < words.size(); ++w)
-        ASSERT_TRUE(std::equal(words[w].begin(), words[w].begin() + 188, file.begin() + 188 * static_cast<long>(w % 3))) << w;
-
-    file[188] = 0x46;  // a packet without its sync byte
-    std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(file.data()), static_cast<std::streamsize>(file.size()));
-    EXPECT_FALSE(gen::MakeTdmbPayload(64, params, &error));
-    EXPECT_NE(error.find("sync"), std::string::npos);
+    EXPECT_EQ(sent, check::Pull(*gen::MakeTdmbPayload(96, params), 3 * 96, 100));
 }
 
 }  // namespace
