@@ -21,6 +21,12 @@ using cd = std::complex<double>;
 
 constexpr double kTwoPi = 6.283185307179586;
 
+// Limits that keep memory bounded and the arithmetic finite whatever the
+// parameters say; values beyond them are clamped.
+constexpr double kMaxLeadInSeconds = 10;      // s; the first call's output holds the whole lead-in
+constexpr double kMaxDelaySamples = 1 << 20;  // samples of multipath delay (0.5 s)
+constexpr double kMaxClockPpm = 1000;         // ppm of sample clock offset
+
 // Band-limited interpolation kernel: sinc windowed by a Kaiser window over
 // 2 * kHalfTaps input samples, tabulated at kPhases + 1 fractional positions
 // and interpolated linearly between them. The signal occupies 75 % of the
@@ -173,7 +179,8 @@ ChannelModel::ChannelModel(const ChannelParams& params, double signalPower) : st
     if (std::isfinite(params.cwPowerDb)) s.cwAmplitude = std::sqrt(s.signalPower * std::pow(10.0, params.cwPowerDb / 10));
     s.cwPhase = kTwoPi * setup.Uniform();
     if (params.randomStart && params.randomStartMaxSamples > 0) s.dropRemaining = setup.Below(params.randomStartMaxSamples);
-    s.leadInSamples = params.leadInSeconds > 0 ? static_cast<uint64_t>(std::llround(params.leadInSeconds * kChannelSampleRate)) : 0;
+    const double leadIn = std::min(params.leadInSeconds, kMaxLeadInSeconds);
+    s.leadInSamples = leadIn > 0 ? static_cast<uint64_t>(std::llround(leadIn * kChannelSampleRate)) : 0;
     if (params.dropoutStartSeconds >= 0 && params.dropoutSeconds > 0) {
         s.dropoutBegin = std::llround(params.dropoutStartSeconds * kChannelSampleRate);
         s.dropoutEnd = s.dropoutBegin + std::llround(params.dropoutSeconds * kChannelSampleRate);
@@ -194,7 +201,7 @@ ChannelModel::ChannelModel(const ChannelParams& params, double signalPower) : st
         s.multipath = true;
         for (const PathTap& t : taps) {
             Path p;
-            const double delay = std::max(0.0, t.delaySamples);
+            const double delay = std::clamp(std::isfinite(t.delaySamples) ? t.delaySamples : 0.0, 0.0, kMaxDelaySamples);
             const double whole = std::floor(delay);
             const double frac = delay - whole;
             p.delay = static_cast<int64_t>(whole);
@@ -225,9 +232,9 @@ ChannelModel::ChannelModel(const ChannelParams& params, double signalPower) : st
         s.mpIn.buf.assign(static_cast<size_t>(s.mpBack), cf(0, 0));
     }
 
-    if (params.sampleClockPpm != 0) {
+    if (std::isfinite(params.sampleClockPpm) && params.sampleClockPpm != 0) {
         s.resample = true;
-        s.step = 1.0 / (1.0 + params.sampleClockPpm * 1e-6);
+        s.step = 1.0 / (1.0 + std::clamp(params.sampleClockPpm, -kMaxClockPpm, kMaxClockPpm) * 1e-6);
         s.rsIn.base = -kHalfTaps;
         s.rsIn.buf.assign(kHalfTaps, cf(0, 0));
     }

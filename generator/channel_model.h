@@ -33,7 +33,7 @@ constexpr double kChannelSampleRate = 2048000.0;  // samples per second
 constexpr double kOccupiedBandwidth = 1536000.0;  // Hz, the band the SNR refers to
 
 struct PathTap {
-    double delaySamples = 0;  // delay in samples at 2.048 MS/s, may be fractional, >= 0
+    double delaySamples = 0;  // delay in samples at 2.048 MS/s, may be fractional, 0 .. 2^20
     double gainDb = 0;        // power of the path in dB (before normalisation)
     double phaseRad = 0;      // fixed phase of the path in radians
 };
@@ -43,12 +43,12 @@ struct ChannelParams {
     double snrDb = INFINITY;                    // dB, signal over noise in 1.536 MHz; infinity = no noise
     double frequencyOffsetHz = 0;               // Hz, carrier offset at the first output sample
     double frequencyDriftHzPerSecond = 0;       // Hz/s, linear drift of the carrier offset
-    double sampleClockPpm = 0;                  // ppm; > 0: the converter runs fast, a frame takes more samples
+    double sampleClockPpm = 0;                  // ppm, |value| <= 1000; > 0: the converter runs fast, a frame takes more samples
     std::vector<PathTap> taps;                  // empty = single path; see MultipathProfile
     double fadingDopplerHz = 0;                 // Hz, maximum Doppler of independent Rayleigh fading per tap; 0 = static
     double cwOffsetHz = 0;                      // Hz, CW interferer offset from the tuned centre
     double cwPowerDb = -INFINITY;               // dB relative to signalPower; -infinity = none
-    double leadInSeconds = 0;                   // s of noise (and CW) before the signal starts
+    double leadInSeconds = 0;                   // s of noise (and CW) before the signal starts, at most 10
     bool randomStart = false;                   // drop a random number of input samples at the start
     uint64_t randomStartMaxSamples = 196608;    // samples, upper bound (exclusive) of that drop
     double gain = 0;                            // linear, applied before quantisation; 0 = automatic (kAutoRmsLsb)
@@ -73,12 +73,13 @@ public:
     // Takes the next n input samples and replaces `out` with the output
     // samples they complete: "analog" complex values in the input's scale,
     // without gain, DC or quantisation. The first call also produces the
-    // lead-in. The output count follows the clock offset and may differ from n
-    // by the resampler's delay of a few samples.
+    // whole lead-in (16 MB of output per second of it). The output count
+    // follows the clock offset; the filters hold back up to 16 samples (per
+    // filtering stage) until the input they need has arrived.
     void Process(const std::complex<float>* in, size_t n, std::vector<std::complex<float>>& out);
 
     // As Process, then gain, DC and 8-bit quantisation with clipping:
-    // interleaved I/Q bytes, two per sample, appended to nothing (replaced).
+    // `out` is replaced by interleaved I/Q bytes, two per sample.
     void ProcessU8(const std::complex<float>* in, size_t n, std::vector<uint8_t>& out);
 
     // The linear gain in use (resolved when `gain` was 0).
