@@ -4,6 +4,7 @@
 // All are static-lifetime records; one receiver per process.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 namespace mvdab {
@@ -43,7 +44,9 @@ struct ServiceComponent;  // services/service_component.h
 
 // Control block between the host's calls and the demodulation thread. Request
 // words and lists are guarded by requestMailbox; signalPresent, syncState and
-// signalQualityDb are single words read without a lock.
+// signalQualityDb are single words written by the demodulation thread and read
+// by the status queries without a lock, hence atomic: a
+// reader takes what it finds.
 struct ReceiverStatus {
     int32_t serviceCount;        // records in addedServices and activeServices
     int32_t addAllowed;          // 1 while no primary service is requested
@@ -53,9 +56,9 @@ struct ReceiverStatus {
     ServiceComponent* addedServices;    // requested, not yet taken over
     ServiceComponent* removedServices;  // withdrawn, to be freed by the demodulation thread
     int32_t retuneRequest;       // 1: drop all services, restart acquisition
-    volatile int32_t signalPresent;  // -1 no DAB signal, 0 undecided, 1 frame structure found
-    volatile int32_t syncState;      // 0..5, how far the receiver has come
-    volatile float signalQualityDb;  // SNR estimate in dB, per demodulated transmission frame
+    std::atomic<int32_t> signalPresent;  // -1 no DAB signal, 0 undecided, 1 frame structure found
+    std::atomic<int32_t> syncState;      // 0..5, how far the receiver has come
+    std::atomic<float> signalQualityDb;  // SNR estimate in dB, per demodulated transmission frame
     int32_t serviceResetRequest; // 1: drop all services, keep sync
 };
 extern ReceiverStatus receiverStatus;
@@ -183,6 +186,15 @@ struct FrequencyCorrection {
     double samplePhase;           // phase at the next sample to be rotated, rad
 };
 extern FrequencyCorrection frequencyCorrection;
+
+// The device's good-reception output line. DecodeFic drives it while ledMode
+// is on; MVDAB_DebugCMD and MVDAB_SetFreqAndBW switch it off. Written from the
+// host's thread and the demodulation thread, hence atomic.
+struct ReceptionLine {
+    std::atomic<int32_t> ledMode;             // 1: the FIC stage drives the line; 0 at load
+    std::atomic<int32_t> goodReceptionCount;  // CIFs in a row with a clean FIC, 0..40
+};
+extern ReceptionLine receptionLine;
 
 // Value used for 2*pi in all wraps and scalings.
 constexpr double kTwoPi = 6.283185307179;
