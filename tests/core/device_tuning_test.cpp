@@ -1,0 +1,183 @@
+// Tuning through MVDAB_SetFreqAndBW's internal verb: tuner calls, the learned
+// sample-clock offsets per frequency, the requests it posts, and its failures.
+#include <gtest/gtest.h>
+
+#include "device/tuning.h"
+#include "receiver/receiver_lifecycle.h"
+#include "receiver/receiver_state.h"
+#include "tests/support/frame_harness.h"
+
+namespace mvdab {
+namespace {
+
+using test::Device;
+using test::FrameHarness;
+
+constexpr int32_t kChannelA = 227360;
+constexpr int32_t kChannelB = 225648;
+
+// Serves the pending request as the next frame step would, so that the
+// request words read 0 again.
+void ServeRequests(FrameHarness& h) { h.PushSilentFrames(1); }
+
+int32_t CodeOf(float ppm) {
+    const int32_t c = SampleRateOffsetCode(ppm);
+    return c >= 0x2000 ? c - 0x4000 : c;
+}
+
+TEST(DeviceTuning, FirstTuningCallsTheTunerWritesZeroOffsetAndPostsARetune) {
+    FrameHarness h(2);
+    ASSERT_TRUE(h.ready());
+    Device().demod[1][0x3F] = 0x55;
+    Device().system[1] = 0x04;
+    receptionLine.goodReceptionCount = 17;
+    ASSERT_EQ(h.Tune(kChannelA), 1);
+    EXPECT_EQ(Device().frequency, kChannelA);
+    EXPECT_EQ(Device().bandwidth, 1) << "tuner type 2 takes bandwidth code 1";
+    EXPECT_EQ(Device().updates, 1);
+    EXPECT_EQ(test::SampleRateRegister(), 0);
+    EXPECT_EQ(tuningStorage.currentFrequency, kChannelA);
+    EXPECT_EQ(tuningStorage.bandwidthCode, 1);
+    EXPECT_EQ(TunedBandwidthCode(), 1);
+    EXPECT_EQ(receiverStatus.retuneRequest, 1);
+    EXPECT_EQ(Device().system[1] & 0x04, 0) << "the reception line is switched off";
+    EXPECT_EQ(receptionLine.goodReceptionCount, 0);
+}
+
+TEST(DeviceTuning, UnknownTunerTypeMakesNoTunerCall) {
+    FrameHarness h(9);
+    ASSERT_TRUE(h.ready());
+    ASSERT_EQ(h.Tune(kChannelA), 1);
+    EXPECT_EQ(Device().updates, 0);
+    EXPECT_EQ(tuningStorage.currentFrequency, 0);
+    EXPECT_EQ(receiverStatus.retuneRequest, 1);
+}
+
+TEST(DeviceTuning, FailuresOfTheTunerAndOfTheOffsetWrite) {
+    FrameHarness h(1);
+    ASSERT_TRUE(h.ready());
+    ASSERT_EQ(h.Tune(kChannelA), 1);
+    ServeRequests(h);
+
+    Device().failSetFrequency = true;
+    EXPECT_EQ(h.Tune(kChannelB), 0);
+    EXPECT_EQ(tuningStorage.currentFrequency, kChannelA) << "the old tuning stands";
+    EXPECT_EQ(receiverStatus.retuneRequest, 0);
+    Device().failSetFrequency = false;
+
+    Device().failDeviceUpdate = true;
+    EXPECT_EQ(h.Tune(kChannelB), 0);
+    EXPECT_EQ(tuningStorage.currentFrequency, -1);
+    Device().failDeviceUpdate = false;
+    // -1 makes even the old frequency count as new.
+    const int32_t updates = Device().updates;
+    ASSERT_EQ(h.Tune(kChannelA), 1);
+    EXPECT_EQ(Device().updates, updates + 1);
+    ServeRequests(h);
+
+    Device().failWritePage = 1;
+    Device().failWriteAddr = 0x3E;
+    EXPECT_EQ(h.Tune(kChannelB), 0);
+    EXPECT_EQ(tuningStorage.currentFrequency, kChannelB) << "updated before the offsets";
+    EXPECT_EQ(receiverStatus.retuneRequest, 0) << "acquisition isn't restarted";
+}
+
+TEST(DeviceTuning, LearnedOffsetsFollowTheirFrequency) {
+    FrameHarness h(1);
+    ASSERT_TRUE(h.ready());
+    ASSERT_EQ(h.Tune(kChannelA), 1);
+    RecordLearnedClockOffset(5.0f);
+    ASSERT_NE(FindCachedFrequency(kChannelA), nullptr);
+    EXPECT_FLOAT_EQ(FindCachedFrequency(kChannelA)->learnedPpm, 5.0f);
+    EXPECT_FLOAT_EQ(clockOffsetTotalPpm, 5.0f);
+    // A second look in the same tuning adds nothing and makes no record.
+    RecordLearnedClockOffset(2.0f);
+    EXPECT_FLOAT_EQ(clockOffsetTotalPpm, 5.0f);
+    EXPECT_EQ(frequencyCache.head.load()->next, nullptr);
+
+    // Another frequency without a record gets the total learned so far.
+    ASSERT_EQ(h.Tune(kChannelB), 1);
+    EXPECT_EQ(test::SampleRateRegister(), CodeOf(5.0f));
+    RecordLearnedClockOffset(-2.0f);
+    EXPECT_FLOAT_EQ(FindCachedFrequency(kChannelB)->learnedPpm, 3.0f);
+
+    // Back on A: its own value, marked applied.
+    ASSERT_EQ(h.Tune(kChannelA), 1);
+    EXPECT_EQ(test::SampleRateRegister(), CodeOf(5.0f));
+    EXPECT_EQ(FindCachedFrequency(kChannelA)->applied, 1);
+    ASSERT_EQ(h.Tune(kChannelB), 1);
+    EXPECT_EQ(test::SampleRateRegister(), CodeOf(3.0f));
+}
+
+TEST(DeviceTuning, RecordOfTheCurrentTuningIsWrittenAtTheNextCallOnTheSameFrequency) {
+    FrameHarness h(1);
+    ASSERT_TRUE(h.ready());
+    ASSERT_EQ(h.Tune(kChannelA), 1);
+    ServeRequests(h);
+    RecordLearnedClockOffset(-4.0f);
+    receiverStatus.syncState = 4;  // even with a clean FIC
+    const int32_t updates = Device().updates;
+    ASSERT_EQ(h.Tune(kChannelA), 1);
+    EXPECT_EQ(Device().updates, updates) << "no tuner call";
+    EXPECT_EQ(test::SampleRateRegister(), CodeOf(-4.0f));
+    EXPECT_EQ(receiverStatus.retuneRequest, 1);
+    EXPECT_EQ(receiverStatus.serviceResetRequest, 0);
+    ServeRequests(h);
+    // Applied now: the next call on the clean frequency only resets services.
+    receiverStatus.syncState = 4;
+    ASSERT_EQ(h.Tune(kChannelA), 1);
+    EXPECT_EQ(receiverStatus.serviceResetRequest, 1);
+}
+
+TEST(DeviceTuning, StopMakesTheSameFrequencyNewAndResumesTheSamples) {
+    FrameHarness h(1);
+    ASSERT_TRUE(h.ready());
+    ASSERT_EQ(h.Tune(kChannelA), 1);
+    RecordLearnedClockOffset(7.0f);
+    ServeRequests(h);
+    ASSERT_EQ(StopSamples(), 1);
+    EXPECT_FALSE(Device().streaming);
+    EXPECT_EQ(tuningStorage.currentFrequency, 0);
+    EXPECT_EQ(StopSamples(), 1) << "a second stop only clears the frequency again";
+    EXPECT_EQ(Device().releases, 1);
+    EXPECT_EQ(pipeline.acquisitionState, -2);
+    const int32_t updates = Device().updates;
+    ASSERT_EQ(h.Tune(kChannelA), 1);
+    EXPECT_TRUE(Device().streaming);
+    EXPECT_EQ(Device().updates, updates + 1);
+    // The chip set-up zeroed the offset; the learned one is written again.
+    EXPECT_EQ(test::SampleRateRegister(), CodeOf(7.0f));
+    EXPECT_EQ(receiverStatus.retuneRequest, 1);
+}
+
+TEST(DeviceTuning, StartAfterStopResetsTheStatus) {
+    FrameHarness h(1);
+    ASSERT_TRUE(h.ready());
+    EXPECT_EQ(StartSamples(), 1) << "samples already flow: nothing to do";
+    EXPECT_EQ(Device().registrations, 0);
+    receiverStatus.signalPresent = 1;
+    receiverStatus.syncState = 4;
+    ASSERT_EQ(StopSamples(), 1);
+    ASSERT_EQ(StartSamples(), 1);
+    EXPECT_EQ(receiverStatus.signalPresent, 0);
+    EXPECT_EQ(receiverStatus.syncState, 0);
+    EXPECT_EQ(Device().registrations, 1);
+
+    // A stop the device refuses leaves the receiver running.
+    Device().failRelease = true;
+    EXPECT_EQ(StopSamples(), 0);
+    EXPECT_TRUE(Device().streaming);
+    Device().failRelease = false;
+    // A start that fails after registering keeps the registration: the next
+    // start has nothing to do.
+    ASSERT_EQ(StopSamples(), 1);
+    Device().failAllWrites = true;
+    EXPECT_EQ(StartSamples(), 0);
+    Device().failAllWrites = false;
+    const int32_t registrations = Device().registrations;
+    EXPECT_EQ(StartSamples(), 1);
+    EXPECT_EQ(Device().registrations, registrations);
+}
+
+}  // namespace
+}  // namespace mvdab

@@ -1,0 +1,266 @@
+// The host's service commands and their take-over at IqFrame boundaries: the
+// rules of one service at a time, the lists, the geometry of a sub-channel in
+// SymbolMask and the work blocks, and the swap of an announced change.
+#include <gtest/gtest.h>
+
+#include "acquisition/mode_buffers.h"
+#include "receiver/frame_step.h"
+#include "receiver/receiver_state.h"
+#include "services/service_commands.h"
+#include "services/service_component.h"
+#include "services/service_requests.h"
+#include "services/symbol_mask.h"
+#include "tests/support/frame_harness.h"
+
+namespace mvdab {
+namespace {
+
+using test::FrameHarness;
+
+ServiceRequest Short(int8_t type, int8_t id, int16_t start, int8_t tableIndex) {
+    return {type, id, start, 0, tableIndex, 0, 0, 0};
+}
+ServiceRequest Long(int8_t type, int8_t id, int16_t start, int8_t optionAndLevel, int16_t size) {
+    return {type, id, start, 1, 0, optionAndLevel, size, 0};
+}
+
+// A receiver that has found a signal in the given mode and laid out its
+// buffers, so that requests are taken over.
+class Services : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(h.ready());
+        SetMode(0);
+        receiverStatus.signalPresent = 1;
+    }
+    void TearDown() override { modeBuffers = ModeBuffers{}; }
+    void SetMode(int32_t m) {
+        mode.transmissionMode = m;
+        mode.parameters = kModeTable[m];
+        mode.configuredMode = m;
+        // Only addresses are computed from it here.
+        modeBuffers.frameCarriers = reinterpret_cast<float*>(workBlocks.workingPool);
+        ResetSymbolMask();
+    }
+    void Step() { h.PushSilentFrames(1); }
+    FrameHarness h;
+};
+
+TEST(ServicesClosed, CommandsRefuseWithoutAnOpenDevice) {
+    EXPECT_EQ(AddServiceRequest(Short(0, 1, 0, 0)), 0);
+    EXPECT_EQ(DeleteServiceRequest(1), 4);
+    EXPECT_EQ(ChangeServiceOrganisation(Short(0, 1, 0, 0), 10), 0);
+}
+
+TEST_F(Services, AddIsRefusedUntilASignalIsPresentAndForOtherTypes) {
+    for (int32_t present : {0, -1}) {
+        receiverStatus.signalPresent = present;
+        EXPECT_EQ(AddServiceRequest(Short(0, 1, 0, 0)), 0);
+    }
+    receiverStatus.signalPresent = 1;
+    for (int8_t type : {1, 2, 4, -1}) EXPECT_EQ(AddServiceRequest(Short(type, 1, 0, 0)), 0);
+    receiverStatus.retuneRequest = 1;
+    EXPECT_EQ(AddServiceRequest(Short(0, 1, 0, 0)), 0);
+    EXPECT_EQ(DeleteServiceRequest(1), 0);
+    receiverStatus.retuneRequest = 0;
+    receiverStatus.serviceResetRequest = 1;
+    EXPECT_EQ(AddServiceRequest(Short(0, 1, 0, 0)), 0);
+    receiverStatus.serviceResetRequest = 0;
+    EXPECT_EQ(receiverStatus.serviceCount, 0);
+    EXPECT_EQ(receiverStatus.addedServices, nullptr);
+}
+
+TEST_F(Services, OneServiceAtATime) {
+    ASSERT_EQ(AddServiceRequest(Short(0, 7, 0, 0)), 1);
+    EXPECT_EQ(receiverStatus.freeSlots, 1);
+    EXPECT_EQ(receiverStatus.primaryPresent, 1);
+    EXPECT_EQ(receiverStatus.addAllowed, 0);
+    EXPECT_EQ(AddServiceRequest(Short(0, 7, 0, 0)), 5) << "while waiting in addedServices";
+    EXPECT_EQ(AddServiceRequest(Short(3, 8, 20, 0)), 0);
+    Step();
+    ASSERT_NE(receiverStatus.activeServices, nullptr);
+    EXPECT_EQ(AddServiceRequest(Short(0, 7, 0, 0)), 5) << "while active";
+    ASSERT_EQ(DeleteServiceRequest(7), 1);
+    EXPECT_EQ(receiverStatus.freeSlots, 2);
+    EXPECT_EQ(DeleteServiceRequest(7), 4);
+    ASSERT_EQ(AddServiceRequest(Short(3, 8, 20, 0)), 1);
+    EXPECT_EQ(receiverStatus.freeSlots, 0);
+    EXPECT_EQ(receiverStatus.serviceCount, 1);
+    ASSERT_EQ(DeleteServiceRequest(8), 1);
+    EXPECT_EQ(receiverStatus.freeSlots, 2);
+    EXPECT_EQ(receiverStatus.serviceCount, 0);
+}
+
+TEST_F(Services, RequestsWaitUntilAModeIsConfigured) {
+    mode.configuredMode = -1;
+    ASSERT_EQ(AddServiceRequest(Short(0, 1, 0, 0)), 1);
+    Step();
+    EXPECT_NE(receiverStatus.addedServices, nullptr);
+    EXPECT_EQ(pipeline.selectedCount, 0);
+    SetMode(0);
+    Step();
+    EXPECT_EQ(receiverStatus.addedServices, nullptr);
+    EXPECT_EQ(pipeline.selectedCount, 1);
+    EXPECT_EQ(pipeline.servicesDirty, 1);
+}
+
+TEST_F(Services, RecordDeletedBeforeTakeOverIsNeverSelected) {
+    ASSERT_EQ(AddServiceRequest(Short(0, 1, 0, 0)), 1);
+    ASSERT_EQ(DeleteServiceRequest(1), 1);
+    Step();
+    EXPECT_EQ(receiverStatus.activeServices, nullptr);
+    EXPECT_EQ(pipeline.selectedCount, 0);
+}
+
+TEST_F(Services, ShortAndLongFormSizes) {
+    struct Case {
+        ServiceRequest request;
+        int32_t size, bitsPerCif, run0, run1;
+    };
+    const Case cases[] = {
+        {Short(0, 1, 0, 0), 16, 768, 0, 0},               // 32 kbit/s, level 5
+        {Short(0, 1, 0, 64 + 63), 416, 9216, 0, 0},        // only the low 6 bits of the index count
+        {Long(0, 1, 0, 1, 8), 8, 192, 5, 1},               // set A level 2, n = 1
+        {Long(0, 1, 0, 1, 24), 24, 576, 3, 15},            // set A level 2, n = 3
+        {Long(0, 1, 0, 0, 25), 25, 384, 9, 3},             // set A level 1: 25 / 12 gives n = 2
+        {Long(0, 1, 0, 2, 18), 18, 576, 15, 3},            // set A level 3, n = 3
+        {Long(0, 1, 0, 3, 8), 8, 384, 5, 7},               // set A level 4, n = 2
+        {Long(0, 1, 0, 4 + 0, 54), 54, 1536, 45, 3},       // set B level 1, n = 2
+        {Long(0, 1, 0, 4 + 3, 15), 15, 768, 21, 3},        // set B level 4, n = 1
+    };
+    for (const Case& c : cases) {
+        ASSERT_EQ(AddServiceRequest(c.request), 1);
+        Step();
+        ServiceComponent* r = receiverStatus.activeServices;
+        ASSERT_NE(r, nullptr);
+        EXPECT_EQ(r->subChannelSize, c.size) << c.request.subChannelSize;
+        EXPECT_EQ(r->bitsPerCif, c.bitsPerCif) << c.request.subChannelSize;
+        if (c.request.longForm) {
+            EXPECT_EQ(r->eepRuns[0], c.run0) << c.request.subChannelSize;
+            EXPECT_EQ(r->eepRuns[1], c.run1) << c.request.subChannelSize;
+        }
+        EXPECT_EQ(r->timeStore, workBlocks.deinterleaveStore + 1024 * c.request.startAddress);
+        ASSERT_EQ(DeleteServiceRequest(1), 1);
+        Step();
+    }
+}
+
+TEST_F(Services, SubChannelAtTheStartMakesTheLastFicSymbolAReference) {
+    ASSERT_EQ(AddServiceRequest(Short(0, 1, 0, 0)), 1);  // 16 CUs from CU 0
+    Step();
+    ServiceComponent* r = pipeline.selectedServices[0];
+    ASSERT_EQ(SetUpSubChannel(r, 0, 1), 1);
+    EXPECT_EQ(SymbolMask[3], 0x11);
+    for (int32_t c = 0; c < 4; ++c) {
+        const int32_t base = 4 + 18 * c;
+        EXPECT_EQ(SymbolMask[base], 0x11) << c;
+        EXPECT_EQ(SymbolMask[base + 1], 0) << c;
+        const uint8_t* carriers = workBlocks.workingPool;
+        EXPECT_EQ(reinterpret_cast<const uint8_t*>(r->cifSoftBits[c]), carriers + 8 * 1536 * 4 + 221184 * c);
+    }
+}
+
+TEST_F(Services, SubChannelAtTheEndOfACifEndsInItsLastSymbol) {
+    ASSERT_EQ(AddServiceRequest(Long(0, 1, 848, 3, 16)), 1);  // CUs 848..863
+    Step();
+    ServiceComponent* r = pipeline.selectedServices[0];
+    ASSERT_EQ(SetUpSubChannel(r, 0, 1), 1);
+    EXPECT_EQ(r->firstSymbol, 17);
+    EXPECT_EQ(r->lastSymbol, 17);
+    EXPECT_EQ(SymbolMask[4 + 16], 0x10);
+    EXPECT_EQ(SymbolMask[4 + 17], 0x11);
+    EXPECT_EQ(SymbolMask[4 + 18], 0x00) << "the next CIF's first symbol isn't needed";
+    EXPECT_EQ(SymbolMask[4 + 18 + 16], 0x10);
+    EXPECT_EQ(SymbolMask[75], 0x11);
+}
+
+TEST_F(Services, WholeCifInModeThreeUsesEverySymbol) {
+    SetMode(2);
+    ASSERT_EQ(AddServiceRequest(Long(0, 1, 0, 3, 864)), 1);
+    Step();
+    ASSERT_EQ(SetUpSubChannel(pipeline.selectedServices[0], 0, 1), 1);
+    for (int32_t i = 0; i < 153; ++i) EXPECT_NE(SymbolMask[i], 0) << i;
+}
+
+TEST_F(Services, SubChannelOutsideTheCifIsDroppedAtTakeOver) {
+    ASSERT_EQ(AddServiceRequest(Long(0, 1, 860, 3, 8)), 1);  // CUs 860..867
+    EXPECT_EQ(RunFrameStep(), 0) << "the set-up failed; the step itself went on";
+    EXPECT_EQ(receiverStatus.activeServices, nullptr);
+    EXPECT_EQ(receiverStatus.primaryPresent, 0);
+    EXPECT_EQ(receiverStatus.freeSlots, 2);
+    EXPECT_EQ(AddServiceRequest(Short(0, 2, 0, 0)), 1) << "the slot is free again";
+}
+
+TEST_F(Services, RemovalIsFreedAtTheNextFrame) {
+    ASSERT_EQ(AddServiceRequest(Short(3, 4, 100, 10)), 1);
+    Step();
+    ASSERT_EQ(pipeline.selectedCount, 1);
+    pipeline.servicesDirty = 0;
+    ASSERT_EQ(DeleteServiceRequest(4), 1);
+    EXPECT_NE(receiverStatus.removedServices, nullptr);
+    Step();
+    EXPECT_EQ(receiverStatus.removedServices, nullptr);
+    EXPECT_EQ(pipeline.selectedCount, 0);
+    EXPECT_EQ(pipeline.servicesDirty, 1);
+}
+
+TEST_F(Services, AnnouncedChangeIsSwappedInWhenDue) {
+    ASSERT_EQ(AddServiceRequest(Short(3, 4, 100, 10)), 1);
+    EXPECT_EQ(ChangeServiceOrganisation(Short(0, 4, 200, 20), 17), 0) << "not active yet";
+    Step();
+    ASSERT_EQ(ChangeServiceOrganisation(Short(0, 4, 200, 20), 17), 1);
+    EXPECT_EQ(cifCountWanted, 1);
+    EXPECT_EQ(ChangeServiceOrganisation(Short(0, 4, 300, 20), 18), 0) << "one change at a time";
+    ServiceComponent* old = receiverStatus.activeServices;
+    ASSERT_NE(old->reconfiguration, nullptr);
+    EXPECT_EQ(old->reconfiguration->changeCif, 17);
+    EXPECT_EQ(old->reconfiguration->state, 1);
+    // The sub-channel decoder finds the change due.
+    old->reconfiguration->state = 2;
+    cifCountWanted = 2;
+    pipeline.servicesDirty = 0;
+    Step();
+    ServiceComponent* now = receiverStatus.activeServices;
+    ASSERT_NE(now, nullptr);
+    EXPECT_EQ(now->startAddress, 200);
+    EXPECT_EQ(now->type, 3) << "the type is inherited";
+    EXPECT_EQ(now->reconfiguration, nullptr);
+    EXPECT_NE(now->softWords, nullptr);
+    EXPECT_EQ(pipeline.selectedServices[0], now);
+    EXPECT_EQ(cifCountWanted, 0);
+    EXPECT_EQ(pipeline.servicesDirty, 1);
+}
+
+TEST_F(Services, DeletingARecordWithAChangeFreesBoth) {
+    ASSERT_EQ(AddServiceRequest(Short(0, 4, 100, 10)), 1);
+    Step();
+    ASSERT_EQ(ChangeServiceOrganisation(Short(0, 4, 200, 20), 250), 1);
+    ASSERT_EQ(DeleteServiceRequest(4), 1);
+    Step();  // the sanitizer build reports a leak if anything stays
+    EXPECT_EQ(receiverStatus.serviceCount, 0);
+}
+
+TEST_F(Services, RetuneAndServiceResetDropEverything) {
+    ASSERT_EQ(AddServiceRequest(Short(0, 4, 100, 10)), 1);
+    Step();
+    ASSERT_EQ(ChangeServiceOrganisation(Short(0, 4, 200, 20), 30), 1);
+    h.PostRetune();
+    Step();
+    EXPECT_EQ(receiverStatus.activeServices, nullptr);
+    EXPECT_EQ(cifCountWanted, 0);
+    EXPECT_EQ(receiverStatus.primaryPresent, 0);
+
+    receiverStatus.signalPresent = 1;
+    ASSERT_EQ(AddServiceRequest(Short(0, 5, 100, 10)), 1);
+    Step();
+    receiverStatus.serviceResetRequest = 1;
+    pipeline.acquisitionState = -2;
+    Step();
+    EXPECT_EQ(receiverStatus.activeServices, nullptr);
+    EXPECT_EQ(pipeline.selectedCount, 0);
+    EXPECT_EQ(receiverStatus.signalPresent, 1);
+    EXPECT_EQ(SymbolMask[4], 0) << "FIC only";
+}
+
+}  // namespace
+}  // namespace mvdab
