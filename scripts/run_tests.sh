@@ -1,0 +1,59 @@
+#!/usr/bin/env bash
+# Builds and tests the project three times, each in its own build directory:
+# Release, ASan+UBSan, TSan. Prints a summary; the exit status is 0 only when
+# every build and every test passed.
+set -u
+root="$(cd "$(dirname "$0")/.." && pwd)"
+source "$root/scripts/install_dependencies.sh"
+mvdab_install_dependencies || exit 1
+
+jobs="$(nproc)"
+summary=()
+failed=0
+
+# run_suite NAME BUILD_DIR [extra cmake arguments...]
+run_suite() {
+    local name="$1" dir="$2"
+    shift 2
+    local start=$SECONDS
+    echo "=== $name: configure and build in $dir"
+    mkdir -p "$dir"
+    if ! cmake -S "$root" -B "$dir" "$@" > "$dir/configure.log" 2>&1; then
+        cat "$dir/configure.log"
+        summary+=("$name: configure FAILED")
+        failed=1
+        return
+    fi
+    if ! cmake --build "$dir" -j "$jobs"; then
+        summary+=("$name: build FAILED ($((SECONDS - start)) s)")
+        failed=1
+        return
+    fi
+    echo "=== $name: tests"
+    local runner=()
+    if [ "$name" = "TSan" ] && command -v setarch > /dev/null; then
+        # The thread sanitizer needs the address layout without randomisation
+        # on kernels with many random mmap bits.
+        runner=(setarch "$(uname -m)" -R)
+    fi
+    if "${runner[@]}" ctest --test-dir "$dir" --output-on-failure; then
+        summary+=("$name: passed ($((SECONDS - start)) s)")
+    else
+        summary+=("$name: tests FAILED ($((SECONDS - start)) s)")
+        failed=1
+    fi
+}
+
+mkdir -p "$root/build"
+export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1"
+export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
+export TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1"
+
+run_suite "Release" "$root/build/release" -DCMAKE_BUILD_TYPE=Release
+run_suite "ASan+UBSan" "$root/build/asan" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMVDAB_SANITIZE=address -DMVDAB_BENCH=OFF
+run_suite "TSan" "$root/build/tsan" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMVDAB_SANITIZE=thread -DMVDAB_BENCH=OFF
+
+echo
+echo "=== Summary (${SECONDS} s in all)"
+for line in "${summary[@]}"; do echo "  $line"; done
+exit "$failed"
