@@ -3,6 +3,7 @@
 #include <cmath>
 
 #include "acquisition/mode_buffers.h"
+#include "device/tuning.h"
 #include "receiver/receiver_state.h"
 
 namespace mvdab {
@@ -76,8 +77,23 @@ int32_t CorrectSampleClock() {
         t.clockHoldoff -= 1;
         return 1;
     }
-    // The hand-over to the device's sample-rate register joins here with the
-    // tuning side; until then the loop only re-arms its hold-off.
+    // A correction is taken only while the proportional term is small, and
+    // only one per tuning can change the register. The step truncated
+    // towards zero is below the limit exactly when its magnitude is; the
+    // comparison also holds a step that is not a number.
+    const bool stepSmall = std::fabs(t.clockStepPpm) < static_cast<float>(kClockStepLimitPpm);
+    if (clockWritten.load() != 0 || !stepSmall) {
+        t.clockHoldoff = s.clockCorrectionPeriod;
+        return 1;
+    }
+    RecordLearnedClockOffset(t.clockOffsetPpm);
+    // Out of range (or not a number): not applied, the hold-off stays 0 and
+    // the test is made again with the next frame, while the timing loop alone
+    // follows the drift.
+    if (!(std::fabs(t.clockOffsetPpm) <= kClockOffsetLimitPpm)) return 0;
+    // A failed register access is retried with the next frame in the same way.
+    if (ApplySampleRateOffset(true, t.clockOffsetPpm) == 0) return 0;
+    t.timingIntegrator = 0.0f;
     t.clockHoldoff = s.clockCorrectionPeriod;
     return 1;
 }

@@ -1,0 +1,214 @@
+// The clock loop against an in-process register bank: when it first looks,
+// what holds it back (a large step, a register already written, an offset
+// out of range, a failed access), what it writes and what it records in the
+// frequency cache.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+
+#include "demod_setup.h"
+#include "device/access_library.h"
+#include "device/tuning.h"
+
+namespace {
+
+using namespace mvdab;
+
+// Page 1 of the demodulator as far as the clock loop reaches it.
+uint8_t rateRegisters[2];  // 0x3E, 0x3F
+int32_t registerWrites;
+bool failAccess;
+
+int32_t FakeRead(int32_t page, int32_t addr, int32_t count, uint8_t* buffer) {
+    if (failAccess || page != 1 || addr < 0x3E || addr + count > 0x40) return 0;
+    for (int32_t i = 0; i < count; ++i) buffer[i] = rateRegisters[addr - 0x3E + i];
+    return 1;
+}
+
+int32_t FakeWrite(int32_t page, int32_t addr, int32_t count, uint8_t* buffer) {
+    if (failAccess || page != 1 || addr < 0x3E || addr + count > 0x40) return 0;
+    for (int32_t i = 0; i < count; ++i) rateRegisters[addr - 0x3E + i] = buffer[i];
+    ++registerWrites;
+    return 1;
+}
+
+int32_t RegisterCode() { return (rateRegisters[0] & 0x3F) * 256 + rateRegisters[1]; }
+
+class ClockLoop : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(demodtest::SetUpMode(0));
+        accessLibrary = AccessLibrary{};
+        accessLibrary.demodRead = FakeRead;
+        accessLibrary.demodWrite = FakeWrite;
+        rateRegisters[0] = rateRegisters[1] = 0;
+        registerWrites = 0;
+        failAccess = false;
+        FreeFrequencyCache();
+        clockWritten = 0;
+        tuningStorage.currentFrequency = 227360;
+        tuningStorage.tunedFrequency = 227360;
+        tuningStorage.bandwidthCode = 6;
+        tuningRecord = &tuningStorage;
+        trackingLoops.clockHoldoff = 0;
+    }
+    void TearDown() override {
+        FreeFrequencyCache();
+        accessLibrary = AccessLibrary{};
+        tuningRecord = nullptr;
+    }
+
+    // The loop's view after a frame: offset and step in ppm, integrator set
+    // to match so that a correction visibly clears it.
+    int32_t Look(float offsetPpm, float stepPpm) {
+        trackingLoops.clockOffsetPpm = offsetPpm;
+        trackingLoops.clockStepPpm = stepPpm;
+        trackingLoops.timingIntegrator = 1.5f;
+        return CorrectSampleClock();
+    }
+    bool Corrected() const { return trackingLoops.timingIntegrator == 0.0f; }
+};
+
+// With the hold-off the state machine sets on entry to tracking, frames 1 to
+// 150 only count it down and frame 151 is the first that looks.
+TEST_F(ClockLoop, FirstLookComesWithThe151stFrame) {
+    trackingLoops.clockHoldoff = receiverSettings.clockCorrectionPeriod;
+    // A constant small error: a path just beyond the guard. The integrator
+    // then grows steadily while the proportional step stays far below 10 ppm.
+    for (int32_t i = 0; i < 2 * mode.parameters.fftSize; ++i) modeBuffers.dftWork[i] = 0.0f;
+    modeBuffers.dftWork[2 * (mode.parameters.guardLength + 1)] =
+        std::sqrt(0.01f / receiverSettings.impulseScales[0]);
+    for (int32_t frame = 1; frame <= 150; ++frame) {
+        TrackFrameTiming();
+        ASSERT_EQ(registerWrites, 0) << "frame " << frame;
+        ASSERT_NE(trackingLoops.timingIntegrator, 0.0f);
+    }
+    EXPECT_EQ(trackingLoops.clockHoldoff, 0);
+    TrackFrameTiming();
+    EXPECT_GT(registerWrites, 0);
+    EXPECT_EQ(trackingLoops.timingIntegrator, 0.0f);
+    EXPECT_EQ(trackingLoops.clockHoldoff, 150);
+    // Late energy moves the window later: the device clock is taken as too
+    // fast, and the register is lowered by the offset in its own format.
+    EXPECT_LT(trackingLoops.clockOffsetPpm, 0.0f);
+    EXPECT_EQ(RegisterCode(), SampleRateOffsetCode(trackingLoops.clockOffsetPpm));
+    EXPECT_EQ(clockWritten.load(), 1);
+}
+
+// The step is truncated towards zero before the test against 10 ppm.
+TEST_F(ClockLoop, StepOfNinePointNinePassesTenHolds) {
+    EXPECT_EQ(Look(-20.0f, 9.9f), 1);
+    EXPECT_TRUE(Corrected());
+    clockWritten = 0;
+    trackingLoops.clockHoldoff = 0;
+    EXPECT_EQ(Look(-20.0f, -9.99f), 1);
+    EXPECT_TRUE(Corrected());
+
+    clockWritten = 0;
+    for (float step : {10.0f, -10.0f, 250.0f, NAN}) {
+        trackingLoops.clockHoldoff = 0;
+        const int32_t writes = registerWrites;
+        EXPECT_EQ(Look(-20.0f, step), 1);
+        EXPECT_FALSE(Corrected()) << step;
+        EXPECT_EQ(registerWrites, writes) << step;
+        EXPECT_EQ(trackingLoops.clockHoldoff, 150) << step;
+    }
+}
+
+// Exactly +-200 ppm is applied; beyond it nothing is written, the integrator
+// stays and the hold-off stays 0 so that the next frame looks again. The
+// offset is recorded all the same, as the recording comes first.
+TEST_F(ClockLoop, OffsetsUpToTwoHundredPpmAreApplied) {
+    EXPECT_EQ(Look(200.0f, 0.0f), 1);
+    EXPECT_TRUE(Corrected());
+    EXPECT_EQ(RegisterCode(), SampleRateOffsetCode(200.0f));
+
+    SetUp();
+    EXPECT_EQ(Look(-200.0f, 0.0f), 1);
+    EXPECT_TRUE(Corrected());
+    EXPECT_EQ(RegisterCode(), SampleRateOffsetCode(-200.0f));
+
+    SetUp();
+    EXPECT_EQ(Look(200.5f, 0.0f), 0);
+    EXPECT_FALSE(Corrected());
+    EXPECT_EQ(trackingLoops.clockHoldoff, 0);
+    EXPECT_EQ(registerWrites, 0);
+    ASSERT_NE(frequencyCache.head.load(), nullptr);
+    EXPECT_EQ(frequencyCache.head.load()->learnedPpm.load(), 200.5f);
+    EXPECT_EQ(Look(-201.0f, 0.0f), 0);
+    EXPECT_EQ(Look(NAN, 0.0f), 0);
+    EXPECT_EQ(registerWrites, 0);
+}
+
+// After a correction that changed the register only the hold-off is
+// re-armed until the next tuning clears clockWritten. A correction that
+// rounds to no change leaves clockWritten 0, so a second one can follow.
+TEST_F(ClockLoop, OneRegisterChangePerTuning) {
+    EXPECT_EQ(Look(0.01f, 0.0f), 1);  // floor(0.01 * 16.78) = 0: nothing to write
+    EXPECT_TRUE(Corrected());
+    EXPECT_EQ(registerWrites, 0);
+    EXPECT_EQ(clockWritten.load(), 0);
+
+    trackingLoops.clockHoldoff = 0;
+    EXPECT_EQ(Look(-30.0f, 0.0f), 1);
+    EXPECT_TRUE(Corrected());
+    EXPECT_EQ(clockWritten.load(), 1);
+    const int32_t code = RegisterCode();
+
+    trackingLoops.clockHoldoff = 0;
+    EXPECT_EQ(Look(-12.0f, 0.0f), 1);
+    EXPECT_FALSE(Corrected());
+    EXPECT_EQ(RegisterCode(), code);
+    EXPECT_EQ(trackingLoops.clockHoldoff, 150);
+}
+
+// A failed register access keeps the integrator and looks again with the
+// next frame, and succeeds then.
+TEST_F(ClockLoop, FailedAccessIsRetriedWithTheNextFrame) {
+    failAccess = true;
+    EXPECT_EQ(Look(-40.0f, 1.0f), 0);
+    EXPECT_FALSE(Corrected());
+    EXPECT_EQ(trackingLoops.clockHoldoff, 0);
+    failAccess = false;
+    EXPECT_EQ(Look(-40.0f, 1.0f), 1);
+    EXPECT_TRUE(Corrected());
+    EXPECT_EQ(RegisterCode(), SampleRateOffsetCode(-40.0f));
+}
+
+// The cache learns the running total of the offsets once per tuning: the
+// record made at the first correction holds it, and a later look of the same
+// tuning adds nothing once the record is learned.
+TEST_F(ClockLoop, TheFrequencyCacheLearnsTheTotalOncePerTuning) {
+    clockOffsetTotalPpm = 5.0f;
+    EXPECT_EQ(Look(-30.0f, 0.0f), 1);
+    CachedFrequency* record = frequencyCache.head.load();
+    ASSERT_NE(record, nullptr);
+    EXPECT_EQ(record->frequency, 227360);
+    EXPECT_EQ(record->learned.load(), 1);
+    EXPECT_EQ(record->applied.load(), 0);
+    EXPECT_FLOAT_EQ(record->learnedPpm.load(), -25.0f);
+    EXPECT_FLOAT_EQ(clockOffsetTotalPpm.load(), -25.0f);
+
+    clockWritten = 0;  // as after a correction that changed nothing
+    trackingLoops.clockHoldoff = 0;
+    EXPECT_EQ(Look(-3.0f, 0.0f), 1);
+    EXPECT_EQ(frequencyCache.head.load(), record);
+    EXPECT_EQ(record->next, nullptr);
+    EXPECT_FLOAT_EQ(record->learnedPpm.load(), -25.0f);
+    EXPECT_FLOAT_EQ(clockOffsetTotalPpm.load(), -25.0f);
+}
+
+TEST_F(ClockLoop, SwitchedOffItNeitherCountsNorActs) {
+    receiverSettings.clockCorrectionEnabled = 0;
+    trackingLoops.clockHoldoff = 3;
+    EXPECT_EQ(Look(-30.0f, 0.0f), 1);
+    EXPECT_EQ(trackingLoops.clockHoldoff, 3);
+    trackingLoops.clockHoldoff = 0;
+    EXPECT_EQ(Look(-30.0f, 0.0f), 1);
+    EXPECT_FALSE(Corrected());
+    EXPECT_EQ(registerWrites, 0);
+    EXPECT_EQ(frequencyCache.head.load(), nullptr);
+}
+
+}  // namespace
