@@ -20,6 +20,7 @@
 #include "demodulation/interference_excision.h"
 #include "demodulation/symbol_demodulator.h"
 #include "demodulation/tracking_loops.h"
+#include "receiver/receiver_memory.h"
 #include "receiver/receiver_state.h"
 #include "services/symbol_mask.h"
 
@@ -36,19 +37,8 @@ std::vector<uint8_t>& Pool() {
 // level a tuner delivers (the cost does not depend on the content), and
 // selects the FIC only or every symbol.
 bool SetUp(int32_t m, bool everySymbol) {
-    ReceiverSettings& s = receiverSettings;
-    s.frequencyLoopGain = 1.0f / 16384.0f;
-    s.timingIntegralGains[0] = 0.01f;
-    s.timingProportionalGains[0] = 0.1f;
-    s.timingGainStepFrames[0] = 100;
-    s.timingGainStepFrames[1] = 200;
-    s.clockCorrectionEnabled = 0;  // no device here
-    s.impulseScales[0] = 1.0f / 17179869184.0f;
-    s.impulseScales[1] = 1.0f / 1073741824.0f;
-    s.impulseScales[2] = 1.0f / 268435456.0f;
-    s.impulseScales[3] = 1.0f / 4294967296.0f;
-    s.excisionEnabled = 1;
-    s.carrierWeightOne = 1.0f;
+    WriteReceiverSettings();
+    receiverSettings.clockCorrectionEnabled = 0;  // no device here
 
     std::vector<uint8_t>& pool = Pool();
     workBlocks = WorkBlocks{};

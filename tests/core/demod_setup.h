@@ -12,31 +12,13 @@
 #include "demodulation/dft_service.h"
 #include "demodulation/interference_excision.h"
 #include "demodulation/tracking_loops.h"
+#include "receiver/receiver_memory.h"
 #include "receiver/receiver_state.h"
 #include "services/symbol_mask.h"
 
 namespace demodtest {
 
-inline void WriteDefaultSettings() {
-    using mvdab::receiverSettings;
-    receiverSettings.frequencyLoopGain = 1.0f / 16384.0f;
-    receiverSettings.timingIntegralGains[0] = 0.01f;
-    receiverSettings.timingIntegralGains[1] = 0.005f;
-    receiverSettings.timingIntegralGains[2] = 0.005f;
-    receiverSettings.timingProportionalGains[0] = 0.1f;
-    receiverSettings.timingProportionalGains[1] = 1.0f / 15.0f;
-    receiverSettings.timingProportionalGains[2] = 1.0f / 15.0f;
-    receiverSettings.timingGainStepFrames[0] = 100;
-    receiverSettings.timingGainStepFrames[1] = 200;
-    receiverSettings.clockCorrectionEnabled = 1;
-    receiverSettings.clockCorrectionPeriod = 150;
-    receiverSettings.impulseScales[0] = 1.0f / 17179869184.0f;  // 2^-34
-    receiverSettings.impulseScales[1] = 1.0f / 1073741824.0f;   // 2^-30
-    receiverSettings.impulseScales[2] = 1.0f / 268435456.0f;    // 2^-28
-    receiverSettings.impulseScales[3] = 1.0f / 4294967296.0f;   // 2^-32
-    receiverSettings.excisionEnabled = 1;
-    receiverSettings.carrierWeightOne = 1.0f;
-}
+inline void WriteDefaultSettings() { mvdab::WriteReceiverSettings(); }
 
 // The pool lives for the whole test program; each set-up lays it out anew.
 inline std::vector<uint8_t>& Pool() {
