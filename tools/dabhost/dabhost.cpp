@@ -1,39 +1,37 @@
-// dabhost: opens the receiver, tunes one frequency, shows how acquisition
-// progresses, and closes again.
+// dabhost: a host program of the receiver library. It opens the device,
+// tunes a frequency, shows progress while the receiver searches and locks,
+// reads the FIC through the callback, and prints the ensemble once it is
+// complete (or what is known of it at the timeout). With --scan it does the
+// same over a list of frequencies and reports which hold an ensemble.
 //
-// One status line per update: elapsed time, whether a DAB signal was found,
-// lock, quality, and how many FIC frames arrived with how many good FIBs. A
-// summary at the end gives the time to the first decision, the time the
-// close took and the CPU time used as a share of real time.
+// Only the public header and the host's own FIC parser are used, as in any
+// host. Progress lines go to stderr, results to stdout.
 #include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <sys/resource.h>
 
+#include "ensemble_wait.h"
+#include "fic_queue.h"
 #include "host_options.h"
+#include "host_report.h"
 #include "mvxdab.h"
+#include "tools/ficparse/fic_parser.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
-std::atomic<int64_t> ficFrames{0};  // FIC callbacks so far
-std::atomic<int64_t> ficGoodFibs{0};
-std::atomic<int64_t> ficFibs{0};
+FicQueue ficQueue;  // filled by the FIC callback on the receiver's thread
 volatile std::sig_atomic_t interrupted = 0;
 
-void OnFic(uint8_t*, int32_t length, int32_t flags) {
-    const int32_t fibs = length / 32;
-    int32_t good = 0;
-    for (int32_t i = 0; i < fibs && i < 12; ++i) good += (flags >> (15 - i)) & 1;
-    ficFrames.fetch_add(1, std::memory_order_relaxed);
-    ficFibs.fetch_add(fibs, std::memory_order_relaxed);
-    ficGoodFibs.fetch_add(good, std::memory_order_relaxed);
-}
+// Runs on the demodulation thread: a copy under a short lock, nothing more.
+void OnFic(uint8_t* bytes, int32_t length, int32_t flags) { ficQueue.Push(bytes, length, flags); }
 
 void OnInterrupt(int) { interrupted = 1; }
 
@@ -46,36 +44,139 @@ double CpuSeconds() {
            1e-6 * double(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec);
 }
 
-const char* PresentText(int32_t present) {
-    switch (present) {
-        case -1: return "no DAB signal";
-        case 1: return "DAB signal found";
-        default: return "searching";
-    }
+StatusSnapshot ReadStatus(double elapsed) {
+    StatusSnapshot s;
+    s.elapsedSeconds = elapsed;
+    int32_t bandwidth = 0;
+    int32_t locked = 0;
+    MVDAB_GetSignalPresent(&s.present);
+    s.lockKnown = MVDAB_GetSignalLock(&locked) == 1;
+    s.locked = s.lockKnown && locked == 1;
+    MVDAB_GetSignalQuality(&s.quality);
+    MVDAB_GetFreqAndBW(&s.frequencyKhz, &bandwidth);
+    s.fic = ficQueue.counts();
+    return s;
 }
 
-// The part of the status line that is compared between polls.
-std::string Status() {
-    int32_t present = 0;
-    int32_t locked = 0;
-    int32_t quality = 0;
-    int32_t frequency = 0;
-    int32_t bandwidth = 0;
-    MVDAB_GetSignalPresent(&present);
-    const int32_t lockKnown = MVDAB_GetSignalLock(&locked);
-    MVDAB_GetSignalQuality(&quality);
-    MVDAB_GetFreqAndBW(&frequency, &bandwidth);
-    char line[200];
-    std::snprintf(line, sizeof line, "%d kHz | %-16s | lock %-3s | quality %3d | FIC %lld frames, %lld/%lld FIBs good",
-                  frequency, PresentText(present), lockKnown ? (locked ? "yes" : "no") : "?", quality,
-                  static_cast<long long>(ficFrames.load()), static_cast<long long>(ficGoodFibs.load()),
-                  static_cast<long long>(ficFibs.load()));
-    return line;
+// Prints a status line when the signal state changes (if `onChange`), and
+// otherwise once a second.
+class ProgressPrinter {
+public:
+    ProgressPrinter(bool quiet, bool onChange) : quiet_(quiet), onChange_(onChange) {}
+    void Show(const StatusSnapshot& s) {
+        if (quiet_) return;
+        const int key = (s.present + 1) * 1000 + (s.lockKnown ? 100 + 10 * s.locked : 0) + s.quality / 10;
+        const bool changed = onChange_ && key != key_;
+        const bool due = s.elapsedSeconds - lastPrinted_ >= 1.0;
+        if (!changed && !due) return;
+        std::fprintf(stderr, "%s\n", StatusLine(s).c_str());
+        key_ = key;
+        lastPrinted_ = s.elapsedSeconds;
+    }
+
+private:
+    bool quiet_;
+    bool onChange_;
+    int key_ = -1;
+    double lastPrinted_ = 0.0;
+};
+
+void Sleep(double seconds) { std::this_thread::sleep_for(std::chrono::duration<double>(seconds)); }
+
+// Tunes one frequency and waits for a decision by `rule`. False when the
+// receiver refused the tuning.
+bool WatchFrequency(int32_t frequencyKhz, const WaitRule& rule, const HostOptions& options, bool scanning,
+                    ficparse::FicParser& parser, TunedResult* result) {
+    if (MVDAB_SetFreqAndBW(frequencyKhz) != 1) {
+        std::fprintf(stderr, "dabhost: tuning %s failed\n", FrequencyText(frequencyKhz).c_str());
+        return false;
+    }
+    // Frames of the previous frequency may still be queued.
+    ficQueue.Clear();
+    parser.Reset();
+    const Clock::time_point start = Clock::now();
+    EnsembleWait wait(rule);
+    ProgressPrinter progress(options.quiet, !scanning);
+    WaitOutcome outcome = WaitOutcome::Waiting;
+    StatusSnapshot status;
+    uint64_t parsedFrames = 0;
+    while (outcome == WaitOutcome::Waiting) {
+        const double elapsed = Seconds(Clock::now() - start);
+        parsedFrames += uint64_t(ficQueue.Drain(parser));
+        status = ReadStatus(elapsed);
+        WaitPoll poll;
+        poll.elapsedSeconds = elapsed;
+        poll.present = status.present;
+        poll.lockKnown = status.lockKnown;
+        poll.locked = status.locked;
+        poll.ficFrames = parsedFrames;
+        poll.mode = status.fic.mode;
+        progress.Show(status);
+        outcome = interrupted ? wait.Stop(elapsed, parser.ensemble()) : wait.Update(poll, parser.ensemble());
+        if (outcome == WaitOutcome::Waiting) Sleep(options.intervalSeconds);
+    }
+    result->frequencyKhz = frequencyKhz;
+    result->outcome = outcome;
+    result->quality = status.quality;
+    result->lockSeconds = wait.lockSeconds();
+    result->decidedSeconds = wait.decidedSeconds();
+    result->fic = status.fic;
+    result->ensemble = parser.ensemble();
+    result->statistics = parser.statistics();
+    return true;
+}
+
+// One frequency: wait for the ensemble, print it, then keep showing status
+// for the requested duration.
+int RunTuned(const HostOptions& options) {
+    ficparse::FicParser parser;
+    WaitRule rule;
+    rule.timeoutSeconds = options.timeoutSeconds;
+    rule.settleSeconds = options.settleSeconds;
+    TunedResult result;
+    if (!WatchFrequency(options.frequencyKhz, rule, options, false, parser, &result)) return 1;
+    const std::string out = options.json ? TunedResultJson(result) + "\n" : TunedResultText(result);
+    std::fputs(out.c_str(), stdout);
+    std::fflush(stdout);
+
+    const Clock::time_point start = Clock::now();
+    ProgressPrinter progress(options.quiet, true);
+    while (!interrupted && Seconds(Clock::now() - start) < options.durationSeconds) {
+        ficQueue.Drain(parser);
+        progress.Show(ReadStatus(result.decidedSeconds + Seconds(Clock::now() - start)));
+        Sleep(options.intervalSeconds);
+    }
+    return HasEnsemble(result.outcome) ? 0 : 2;
+}
+
+int RunScan(const HostOptions& options) {
+    ficparse::FicParser parser;
+    WaitRule rule;
+    rule.timeoutSeconds = options.scanTimeoutSeconds;
+    rule.noSignalSeconds = 0.0;
+    rule.labelSuffices = true;
+    std::vector<TunedResult> results;
+    if (!options.quiet)
+        std::fprintf(stderr, "dabhost: scanning %zu frequencies, up to %.1f s each\n",
+                     options.scanFrequenciesKhz.size(), rule.timeoutSeconds);
+    for (int32_t frequency : options.scanFrequenciesKhz) {
+        if (interrupted) break;
+        TunedResult result;
+        if (!WatchFrequency(frequency, rule, options, true, parser, &result)) continue;
+        if (!options.quiet) std::fprintf(stderr, "%s\n", ScanProgressLine(result).c_str());
+        results.push_back(std::move(result));
+    }
+    const std::string out = options.json ? ScanJson(results) + "\n" : ScanTableText(results);
+    std::fputs(out.c_str(), stdout);
+    for (const TunedResult& r : results)
+        if (HasEnsemble(r.outcome)) return 0;
+    return 2;
 }
 
 const char* OpenFailure(int32_t result) {
-    return result == 2 ? "no device (the device library found none)"
-                       : "the device library could not be loaded or the device failed";
+    return result == 2 ? "no device found (the device library reports none attached)"
+                       : "the device library (libMVC900ACCESS.so, looked for beside libMVXDAB.so and on the "
+                         "library path) could not be loaded, or the device failed to start";
 }
 
 }  // namespace
@@ -85,7 +186,7 @@ int main(int argc, char** argv) {
     std::string error;
     if (!ParseHostOptions(argc, argv, &options, &error)) {
         std::fprintf(stderr, "dabhost: %s\n%s", error.c_str(), HostUsage());
-        return 2;
+        return 1;
     }
     if (options.help) {
         std::fputs(HostUsage(), stdout);
@@ -97,54 +198,20 @@ int main(int argc, char** argv) {
 
     const int32_t opened = MVDAB_OpenDevice();
     if (opened != 1) {
-        std::fprintf(stderr, "dabhost: open failed: %s\n", OpenFailure(opened));
+        std::fprintf(stderr, "dabhost: cannot open the device: %s\n", OpenFailure(opened));
         return 1;
     }
     const Clock::time_point start = Clock::now();
     const double cpuStart = CpuSeconds();
-    if (MVDAB_SetFreqAndBW(options.frequencyKhz) != 1) {
-        std::fprintf(stderr, "dabhost: tuning %d kHz failed\n", options.frequencyKhz);
-    }
-    std::printf("dabhost: tuned %d kHz, watching for %.1f s\n", options.frequencyKhz, options.durationSeconds);
+    const int status = options.scan ? RunScan(options) : RunTuned(options);
 
-    std::string last;
-    double lastPrinted = -1.0;
-    double firstDecision = -1.0;
-    double firstLock = -1.0;
-    while (!interrupted) {
-        const double elapsed = Seconds(Clock::now() - start);
-        if (elapsed >= options.durationSeconds) break;
-        int32_t present = 0;
-        int32_t locked = 0;
-        MVDAB_GetSignalPresent(&present);
-        if (present != 0 && firstDecision < 0.0) firstDecision = elapsed;
-        if (MVDAB_GetSignalLock(&locked) == 1 && locked == 1 && firstLock < 0.0) firstLock = elapsed;
-        const std::string status = Status();
-        // A line when something changed, and at least once a second.
-        if (!options.quiet && (status != last || elapsed - lastPrinted >= 1.0)) {
-            std::printf("%7.2f s  %s\n", elapsed, status.c_str());
-            std::fflush(stdout);
-            last = status;
-            lastPrinted = elapsed;
-        }
-        std::this_thread::sleep_for(std::chrono::duration<double>(options.intervalSeconds));
-    }
-
-    const double watched = Seconds(Clock::now() - start);
+    const double ran = Seconds(Clock::now() - start);
     const double cpu = CpuSeconds() - cpuStart;
-    const std::string final = Status();
     const Clock::time_point closeStart = Clock::now();
     MVDAB_CloseDevice();
     const double closeSeconds = Seconds(Clock::now() - closeStart);
-
-    std::printf("dabhost: %s\n", final.c_str());
-    if (firstDecision >= 0.0) {
-        std::printf("dabhost: first decision after %.2f s\n", firstDecision);
-    } else {
-        std::printf("dabhost: no decision within %.1f s\n", watched);
-    }
-    if (firstLock >= 0.0) std::printf("dabhost: lock after %.2f s\n", firstLock);
-    std::printf("dabhost: CPU %.2f s in %.2f s (%.1f%% of real time); close took %.0f ms\n", cpu, watched,
-                watched > 0.0 ? 100.0 * cpu / watched : 0.0, closeSeconds * 1000.0);
-    return 0;
+    if (!options.quiet)
+        std::fprintf(stderr, "dabhost: CPU %.2f s in %.2f s (%.1f%% of real time); close took %.0f ms\n", cpu, ran,
+                     ran > 0.0 ? 100.0 * cpu / ran : 0.0, closeSeconds * 1000.0);
+    return status;
 }

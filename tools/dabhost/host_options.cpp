@@ -3,7 +3,13 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "band_channels.h"
+
 namespace {
+
+constexpr double kLowestKhz = 30000.0;    // below VHF: no DAB tuner goes there
+constexpr double kHighestKhz = 3000000.0;
+
 bool ParseNumber(const char* text, double* out) {
     if (text == nullptr || *text == '\0') return false;
     char* end = nullptr;
@@ -12,14 +18,54 @@ bool ParseNumber(const char* text, double* out) {
     *out = v;
     return true;
 }
+
+// A frequency in whole kHz or a block name.
+bool ParseFrequency(const std::string& text, int32_t* khz) {
+    if (const int32_t f = ChannelFrequency(text)) {
+        *khz = f;
+        return true;
+    }
+    double v = 0.0;
+    if (!ParseNumber(text.c_str(), &v) || v < kLowestKhz || v > kHighestKhz || v != double(int32_t(v)))
+        return false;
+    *khz = int32_t(v);
+    return true;
+}
+
+bool ParseFrequencyList(const char* text, std::vector<int32_t>* out) {
+    out->clear();
+    std::string item;
+    for (const char* p = text;; ++p) {
+        if (*p == ',' || *p == '\0') {
+            int32_t khz = 0;
+            if (!ParseFrequency(item, &khz)) return false;
+            out->push_back(khz);
+            item.clear();
+            if (*p == '\0') break;
+        } else {
+            item += *p;
+        }
+    }
+    return !out->empty();
+}
+
 }  // namespace
 
 const char* HostUsage() {
-    return "usage: dabhost [-f kHz] [-d seconds] [-i seconds] [-q]\n"
-           "  -f, --frequency kHz   frequency to tune (default 227360, block 11D)\n"
-           "  -d, --duration s      how long to watch before closing (default 10)\n"
-           "  -i, --interval s      status poll period (default 0.25)\n"
-           "  -q, --quiet           print only the summary\n"
+    return "usage: dabhost [-f kHz|block] [-t s] [-d s] [--json] [-q]\n"
+           "       dabhost --scan [--freqs a,b,c] [-t s] [--json] [-q]\n"
+           "  -f, --frequency F   frequency in kHz or block name (default 227360, block 12C)\n"
+           "  -t, --timeout s     longest wait for the ensemble (default 20; scan: 8 per frequency)\n"
+           "  -d, --duration s    keep showing status this long after the ensemble (default 0)\n"
+           "  -s, --settle s      how long a complete ensemble must stay unchanged (default 1)\n"
+           "  -i, --interval s    status poll period (default 0.1)\n"
+           "      --scan          look for ensembles on all Band III blocks, 5A to 13F\n"
+           "      --freqs list    scan these frequencies (kHz or block names, comma-separated)\n"
+           "      --json          print the result as JSON\n"
+           "  -q, --quiet         no progress lines\n"
+           "Progress goes to stderr, the ensemble or scan result to stdout.\n"
+           "Exit status: 0 ensemble shown (scan: at least one found), 2 none found,\n"
+           "1 bad usage or no device.\n"
            "The device library is loaded from beside libMVXDAB.so; the emulated\n"
            "device takes its configuration from MVC900_* environment variables.\n";
 }
@@ -27,32 +73,51 @@ const char* HostUsage() {
 bool ParseHostOptions(int argc, char** argv, HostOptions* o, std::string* error) {
     for (int i = 1; i < argc; ++i) {
         const char* a = argv[i];
-        auto value = [&](double* out, double low, double high) {
-            if (i + 1 >= argc || !ParseNumber(argv[i + 1], out) || *out < low || *out > high) {
-                *error = std::string("bad or missing value for ") + a;
-                return false;
-            }
+        const bool hasValue = i + 1 < argc;
+        auto fail = [&] {
+            *error = std::string("bad or missing value for ") + a;
+            return false;
+        };
+        auto seconds = [&](double* out, double low, double high) {
+            double v = 0.0;
+            if (!hasValue || !ParseNumber(argv[i + 1], &v) || v < low || v > high) return false;
+            *out = v;
             ++i;
             return true;
         };
-        double v = 0.0;
-        if (!std::strcmp(a, "-f") || !std::strcmp(a, "--frequency")) {
-            if (!value(&v, 1.0, 2.0e9)) return false;
-            o->frequencyKhz = int32_t(v);
-        } else if (!std::strcmp(a, "-d") || !std::strcmp(a, "--duration")) {
-            if (!value(&v, 0.0, 1.0e7)) return false;
-            o->durationSeconds = v;
-        } else if (!std::strcmp(a, "-i") || !std::strcmp(a, "--interval")) {
-            if (!value(&v, 0.01, 60.0)) return false;
-            o->intervalSeconds = v;
-        } else if (!std::strcmp(a, "-q") || !std::strcmp(a, "--quiet")) {
+        auto is = [&](const char* shortName, const char* longName) {
+            return (shortName != nullptr && !std::strcmp(a, shortName)) || !std::strcmp(a, longName);
+        };
+        if (is("-f", "--frequency")) {
+            if (!hasValue || !ParseFrequency(argv[i + 1], &o->frequencyKhz)) return fail();
+            ++i;
+        } else if (is("-t", "--timeout")) {
+            if (!seconds(&o->timeoutSeconds, 0.1, 1.0e6)) return fail();
+            o->scanTimeoutSeconds = o->timeoutSeconds;
+        } else if (is("-d", "--duration")) {
+            if (!seconds(&o->durationSeconds, 0.0, 1.0e7)) return fail();
+        } else if (is("-s", "--settle")) {
+            if (!seconds(&o->settleSeconds, 0.0, 60.0)) return fail();
+        } else if (is("-i", "--interval")) {
+            if (!seconds(&o->intervalSeconds, 0.01, 10.0)) return fail();
+        } else if (is(nullptr, "--scan")) {
+            o->scan = true;
+        } else if (is(nullptr, "--freqs")) {
+            if (!hasValue || !ParseFrequencyList(argv[i + 1], &o->scanFrequenciesKhz)) return fail();
+            o->scan = true;
+            ++i;
+        } else if (is(nullptr, "--json")) {
+            o->json = true;
+        } else if (is("-q", "--quiet")) {
             o->quiet = true;
-        } else if (!std::strcmp(a, "-h") || !std::strcmp(a, "--help")) {
+        } else if (is("-h", "--help")) {
             o->help = true;
         } else {
             *error = std::string("unknown option ") + a;
             return false;
         }
     }
+    if (o->scan && o->scanFrequenciesKhz.empty())
+        for (const BandChannel& c : BandIIIChannels()) o->scanFrequenciesKhz.push_back(c.frequencyKhz);
     return true;
 }

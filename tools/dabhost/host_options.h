@@ -3,15 +3,23 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 struct HostOptions {
-    int32_t frequencyKhz = 227360;  // block 11D
-    double durationSeconds = 10.0;  // how long to watch before closing
-    double intervalSeconds = 0.25;  // status poll period
-    bool quiet = false;             // only the summary
+    int32_t frequencyKhz = 227360;   // kHz, block 12C
+    double timeoutSeconds = 20.0;    // s: longest wait for the ensemble on one frequency
+    double scanTimeoutSeconds = 8.0; // s: the same per frequency of a scan
+    double settleSeconds = 1.0;      // s: a complete ensemble must stay unchanged this long
+    double durationSeconds = 0.0;    // s: status lines after the ensemble was shown
+    double intervalSeconds = 0.1;    // s: status poll period
+    bool json = false;               // the result as JSON on stdout
+    bool scan = false;               // scan `scanFrequenciesKhz` instead of tuning one frequency
+    std::vector<int32_t> scanFrequenciesKhz;  // kHz; all Band III blocks unless --freqs
+    bool quiet = false;              // no progress lines
     bool help = false;
 };
 
 // Parses argv; on a bad option returns false and writes the reason to `error`.
+// Frequencies are given in kHz or as block names ("12C").
 bool ParseHostOptions(int argc, char** argv, HostOptions* options, std::string* error);
 const char* HostUsage();

@@ -1,0 +1,107 @@
+#include "ensemble_wait.h"
+
+#include <cmath>
+
+bool HasEnsemble(WaitOutcome outcome) {
+    return outcome == WaitOutcome::Complete || outcome == WaitOutcome::LabelFound ||
+           outcome == WaitOutcome::Partial;
+}
+
+const char* OutcomeText(WaitOutcome outcome) {
+    switch (outcome) {
+    case WaitOutcome::Waiting: return "waiting";
+    case WaitOutcome::Complete: return "ensemble complete";
+    case WaitOutcome::LabelFound: return "ensemble found";
+    case WaitOutcome::Partial: return "ensemble incomplete at timeout";
+    case WaitOutcome::NoSignal: return "no DAB signal";
+    case WaitOutcome::NoLock: return "no lock";
+    case WaitOutcome::NoEnsemble: return "lock but no ensemble label";
+    }
+    return "unknown";
+}
+
+const char* OutcomeKey(WaitOutcome outcome) {
+    switch (outcome) {
+    case WaitOutcome::Waiting: return "waiting";
+    case WaitOutcome::Complete: return "complete";
+    case WaitOutcome::LabelFound: return "found";
+    case WaitOutcome::Partial: return "partial";
+    case WaitOutcome::NoSignal: return "noSignal";
+    case WaitOutcome::NoLock: return "noLock";
+    case WaitOutcome::NoEnsemble: return "noEnsemble";
+    }
+    return "unknown";
+}
+
+std::string EnsembleShape(const ficparse::Ensemble& e) {
+    std::string shape = std::to_string(e.idKnown ? int(e.id) : -1) + "|" + e.label.text + "|";
+    for (const auto& [sid, s] : e.services) {
+        shape += std::to_string(sid) + (s.label.known ? ":" + s.label.text : std::string(":?"));
+        for (const ficparse::Component& c : s.components)
+            shape += "," + std::to_string(int(c.transport)) + "/" + std::to_string(c.subChannelId) + "/" +
+                     std::to_string(c.packetInfoKnown);
+        shape += ";";
+    }
+    shape += "|";
+    for (const auto& [id, sc] : e.subChannels)
+        shape += std::to_string(id) + "@" + std::to_string(sc.startAddress) + "+" + std::to_string(sc.size) + ";";
+    return shape;
+}
+
+double FrameSeconds(int mode) {
+    switch (mode) {
+    case 2: return 0.024;
+    case 3: return 0.024;
+    case 4: return 0.048;
+    default: return 0.096;
+    }
+}
+
+WaitOutcome EnsembleWait::Update(const WaitPoll& poll, const ficparse::Ensemble& ensemble) {
+    if (outcome_ != WaitOutcome::Waiting) return outcome_;
+    outcome_ = Decide(poll, ensemble);
+    if (outcome_ != WaitOutcome::Waiting) decidedAt_ = poll.elapsedSeconds;
+    return outcome_;
+}
+
+WaitOutcome EnsembleWait::Decide(const WaitPoll& poll, const ficparse::Ensemble& e) {
+    const double t = poll.elapsedSeconds;
+    if (poll.present == 1 && firstPresent_ < 0.0) firstPresent_ = t;
+    if (poll.lockKnown && poll.locked && lockAt_ < 0.0) lockAt_ = t;
+
+    const std::string shape = EnsembleShape(e);
+    if (shape != shape_) {
+        shape_ = shape;
+        framesAtChange_ = poll.ficFrames;
+    }
+    const bool labelled = e.idKnown && e.label.known;
+    if (rule_.labelSuffices && labelled) return WaitOutcome::LabelFound;
+    if (!rule_.labelSuffices && e.Complete()) {
+        const uint64_t settleFrames = uint64_t(std::ceil(rule_.settleSeconds / FrameSeconds(poll.mode)));
+        if (poll.ficFrames - framesAtChange_ >= settleFrames) return WaitOutcome::Complete;
+    }
+
+    // "No signal" only counts while nothing of an ensemble was seen: a
+    // receiver that lost a weak signal after the ensemble was read still
+    // has the ensemble to show at the timeout.
+    if (poll.present == -1 && !e.idKnown) {
+        if (noSignalSince_ < 0.0) noSignalSince_ = t;
+        if (t - noSignalSince_ >= rule_.noSignalSeconds) return WaitOutcome::NoSignal;
+    } else {
+        noSignalSince_ = -1.0;
+    }
+
+    return t < rule_.timeoutSeconds ? WaitOutcome::Waiting : EndOutcome(e);
+}
+
+WaitOutcome EnsembleWait::EndOutcome(const ficparse::Ensemble& e) const {
+    if (e.idKnown && e.label.known) return WaitOutcome::Partial;
+    return lockAt_ >= 0.0 ? WaitOutcome::NoEnsemble : WaitOutcome::NoLock;
+}
+
+WaitOutcome EnsembleWait::Stop(double elapsedSeconds, const ficparse::Ensemble& ensemble) {
+    if (outcome_ != WaitOutcome::Waiting) return outcome_;
+    outcome_ = EndOutcome(ensemble);
+    decidedAt_ = elapsedSeconds;
+    return outcome_;
+}
