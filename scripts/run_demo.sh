@@ -1,7 +1,10 @@
 #!/usr/bin/env bash
 # Builds the receiver, the emulated device and dabhost, then runs dabhost on
-# the emulated device. Arguments go to dabhost (see dabhost --help); the
-# emulator's source comes from MVC900_SOURCE (default below).
+# the emulated device: it tunes 227,360 kHz, shows progress until the
+# ensemble is complete, prints it, and keeps showing status for 5 s.
+# Arguments go to dabhost after those defaults, so they override them (see
+# dabhost --help); the emulator's source comes from MVC900_SOURCE (default
+# below).
 set -eu
 root="$(cd "$(dirname "$0")/.." && pwd)"
 source "$root/scripts/install_dependencies.sh"
@@ -20,4 +23,4 @@ if [ -z "${MVC900_SOURCE:-}" ]; then
     fi
 fi
 echo "Running dabhost on the emulated device (MVC900_SOURCE=$MVC900_SOURCE)"
-exec "$build/bin/dabhost" "$@"
+exec "$build/bin/dabhost" -f 227360 -d 5 "$@"
