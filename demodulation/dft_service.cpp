@@ -7,6 +7,7 @@
 namespace mvdab {
 
 DftPlan dftPlan;
+int32_t dftPlanFailuresPending = 0;
 
 namespace {
 
@@ -44,6 +45,10 @@ int32_t CreateDftPlan(DftPlan* plan, int32_t length) {
     if (plan == nullptr) return kDftBadArgument;
     if (!SupportedLength(length)) return kDftBadLength;
     if (plan->forward != nullptr || plan->backward != nullptr) return kDftBadArgument;
+    if (dftPlanFailuresPending > 0) {
+        --dftPlanFailuresPending;
+        return kDftPlannerFailed;
+    }
 
     fftwf_complex* planningBuffer = fftwf_alloc_complex(static_cast<size_t>(length));
     if (planningBuffer == nullptr) return kDftPlannerFailed;

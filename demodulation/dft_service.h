@@ -17,6 +17,10 @@ struct DftPlan {
 };
 extern DftPlan dftPlan;  // the receiver's one plan
 
+// Fault switch for tests: while above 0, CreateDftPlan fails and counts it
+// down by one. 0 at load; nothing in the receiver sets it.
+extern int32_t dftPlanFailuresPending;
+
 // Every operation returns a status that only DftSucceeded interprets.
 int32_t CreateDftPlan(DftPlan* plan, int32_t length);
 int32_t CommitDftPlan(DftPlan* plan);

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "acquisition/frame_entry.h"
+#include "demodulation/dft_service.h"
 #include "receiver/receiver_state.h"
 #include "tests/support/dab_signal.h"
 #include "tests/support/frame_harness.h"
@@ -44,13 +45,10 @@ struct Acquisition {
     int32_t restarts = 0;          // hold-offs passed on the way
 };
 
-// Tunes a fresh receiver and pushes IqFrames of `signal` until state 3 or
+// Pushes IqFrames of `signal` into a tuned receiver until state 3 or
 // `maxFrames`.
-Acquisition Acquire(test::DabSignal& signal, int m, double cfoHz, int32_t maxFrames) {
-    test::FrameHarness h;
+Acquisition Continue(test::FrameHarness& h, test::DabSignal& signal, int m, double cfoHz, int32_t maxFrames) {
     Acquisition a;
-    if (!h.ready()) return a;
-    h.Tune(kTuneKhz);
     std::vector<uint8_t> frame(kIqFrameBytes);
     int32_t previousState = pipeline.acquisitionState;
     for (int32_t f = 1; f <= maxFrames; ++f) {
@@ -80,6 +78,14 @@ Acquisition Acquire(test::DabSignal& signal, int m, double cfoHz, int32_t maxFra
         break;
     }
     return a;
+}
+
+// Tunes a fresh receiver to `signal`, from its first byte on.
+Acquisition Acquire(test::DabSignal& signal, int m, double cfoHz, int32_t maxFrames) {
+    test::FrameHarness h;
+    if (!h.ready()) return Acquisition{};
+    h.Tune(kTuneKhz);
+    return Continue(h, signal, m, cfoHz, maxFrames);
 }
 
 gen::ChannelParams Channel(uint64_t seed, double snrDb, double cfoHz, double leadIn) {
@@ -113,6 +119,73 @@ TEST(AcquisitionOnSignal, EveryModeFromNoiseLeadInAndRandomStart) {
             EXPECT_LT(std::abs(a.frequencyError), 0.1) << "carrier spacings, shift " << a.integerShift;
         }
     }
+}
+
+// Shifts the integer search reaches, in bins: a carrier offset of -s carrier
+// spacings needs the shift s.
+constexpr int32_t kLowestShift[4] = {-224, -96, -32, -96};
+constexpr int32_t kHighestShift[4] = {199, 49, 31, 99};
+
+TEST(AcquisitionOnSignal, IntegerShiftAcrossTheReachableRangeAndWrongJustOutside) {
+    for (int m = 1; m <= 4; ++m) {
+        const int32_t lo = kLowestShift[m - 1], hi = kHighestShift[m - 1];
+        const double spacing = kCarrierSpacingHz[m - 1];
+        for (int32_t s : {lo, lo + 1, -33, 32, hi - 1, hi, lo - 1, hi + 1}) {
+            if (s < lo - 1 || s > hi + 1) continue;
+            const bool reachable = s >= lo && s <= hi;
+            // A fraction on top, of either sign, for the cyclic-prefix estimate.
+            const double cfo = (-s + (s & 1 ? 0.3 : -0.3)) * spacing;
+            test::DabSignal signal(m, Channel(uint64_t(100 + s), 20.0, cfo, 0.0), uint64_t(7 + m));
+            const Acquisition a = Acquire(signal, m, cfo, 30);
+            SCOPED_TRACE(::testing::Message() << "mode " << m << " shift " << s);
+            ASSERT_TRUE(a.tracked);
+            EXPECT_EQ(a.decidedMode, m - 1);
+            if (reachable) {
+                EXPECT_EQ(a.integerShift, s);
+                EXPECT_LT(std::abs(a.frequencyError), 0.1);
+            } else {
+                EXPECT_NE(a.integerShift, s);
+                EXPECT_GT(std::abs(a.frequencyError), 0.9);
+            }
+        }
+    }
+}
+
+TEST(AcquisitionOnSignal, AFailingDftServiceReturnsToACleanSearch) {
+    const int m = 2;
+    const double cfo = 3.2 * kCarrierSpacingHz[m - 1];
+    test::DabSignal signal(m, Channel(5, 20.0, cfo, 0.0), 5);
+    test::FrameHarness h;
+    ASSERT_TRUE(h.ready());
+    h.Tune(kTuneKhz);
+    dftPlanFailuresPending = 1;
+    std::vector<uint8_t> frame(kIqFrameBytes);
+    int32_t failedAt = 0;
+    for (int32_t f = 1; f <= 10 && failedAt == 0; ++f) {
+        signal.NextIqFrame(frame.data());
+        h.PushIqFrame(frame.data());
+        if (dftPlanFailuresPending == 0) failedAt = f;
+        ASSERT_NE(pipeline.acquisitionState, 2);
+    }
+    dftPlanFailuresPending = 0;
+    ASSERT_NE(failedAt, 0) << "the position was never confirmed";
+    // No plan, no layout claimed, and no history switched on.
+    EXPECT_EQ(mode.configuredMode, -1);
+    EXPECT_EQ(dftPlan.forward, nullptr);
+    EXPECT_EQ(workBlocks.historyBase, nullptr);
+    EXPECT_EQ(pipeline.resyncRequest, 1);
+
+    signal.NextIqFrame(frame.data());
+    h.PushIqFrame(frame.data());
+    EXPECT_EQ(pipeline.acquisitionState, 0) << "searching again from nothing";
+    EXPECT_EQ(pipeline.resyncRequest, 0);
+
+    // The next attempt gets its plan and locks as usual.
+    const Acquisition a = Continue(h, signal, m, cfo, 30);
+    ASSERT_TRUE(a.tracked);
+    EXPECT_EQ(mode.configuredMode, m - 1);
+    EXPECT_EQ(dftPlan.committed, 1);
+    EXPECT_LT(std::abs(a.frequencyError), 0.1);
 }
 
 }  // namespace
