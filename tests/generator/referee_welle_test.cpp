@@ -1,0 +1,171 @@
+// An independent receiver as referee: a mode I "default" ensemble carrying
+// real DAB+ and MP2 audio is written to a u8 file, played to welle-cli, and
+// what it reports and dumps is checked against what was sent: the ensemble
+// and service labels, the sub-channel bytes of each programme, and a decoded
+// MP2 programme. Opt-in (MVDAB_LONG_TESTS=1) and skipped without welle-cli.
+//
+// MVDAB_REFEREE_DIR=PATH keeps the signal and welle-cli's output there.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <set>
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include <unistd.h>
+
+#include "generator/channel_model.h"
+#include "generator/ensemble_description.h"
+#include "generator/frame_transmitter.h"
+#include "generator/multiplex.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+const fs::path kSourceRoot = fs::path(__FILE__).parent_path().parent_path().parent_path();
+
+bool LongTests() {
+    const char* v = std::getenv("MVDAB_LONG_TESTS");
+    return v && std::string(v) == "1";
+}
+
+std::string RunCommand(const std::string& command) {
+    std::string out;
+    std::unique_ptr<FILE, int (*)(FILE*)> p(popen(command.c_str(), "r"), pclose);
+    if (!p) return out;
+    std::array<char, 4096> buf;
+    for (size_t n; (n = fread(buf.data(), 1, buf.size(), p.get())) > 0;) out.append(buf.data(), n);
+    return out;
+}
+
+std::vector<uint8_t> ReadFile(const fs::path& path) {
+    std::ifstream f(path, std::ios::binary);
+    return std::vector<uint8_t>(std::istreambuf_iterator<char>(f), {});
+}
+
+fs::path SamplesDir() {
+    if (const char* d = std::getenv("MVDAB_SAMPLES_DIR")) return d;
+    return kSourceRoot.parent_path() / "shared" / "samples";
+}
+
+// Longest run of `got` that occurs in `sent`, as a check that the dump holds
+// the sub-channel's bytes (welle-cli starts dumping some frames in).
+size_t BytesFoundInOrder(const std::vector<uint8_t>& sent, const std::vector<uint8_t>& got, size_t* offset) {
+    if (got.empty() || sent.empty()) return 0;
+    const size_t probe = std::min<size_t>(64, got.size());
+    for (size_t start = 0; start + probe <= sent.size(); ++start) {
+        if (!std::equal(got.begin(), got.begin() + static_cast<ptrdiff_t>(probe), sent.begin() + static_cast<ptrdiff_t>(start)))
+            continue;
+        size_t n = 0;
+        while (n < got.size() && start + n < sent.size() && sent[start + n] == got[n]) ++n;
+        *offset = start;
+        return n;
+    }
+    return 0;
+}
+
+TEST(RefereeWelle, DecodesTheDefaultEnsemble) {
+    if (!LongTests()) GTEST_SKIP() << "set MVDAB_LONG_TESTS=1";
+    if (RunCommand("command -v welle-cli").empty()) GTEST_SKIP() << "welle-cli not installed";
+    const fs::path samples = SamplesDir();
+    if (!fs::exists(samples / "speech-mp2-128k.mp2")) GTEST_SKIP() << "no audio samples in " << samples;
+
+    fs::path dir;
+    if (const char* keep = std::getenv("MVDAB_REFEREE_DIR")) {
+        dir = keep;
+    } else {
+        dir = fs::temp_directory_path() / ("mvdab_referee_" + std::to_string(::getpid()));
+    }
+    fs::create_directories(dir);
+
+    gen::PresetOptions options;
+    options.mode = 1;
+    options.seed = 1;
+    options.dabplusFile = (samples / "speech-heaac-48k.dabp").string();
+    options.dabplusKbps = 48;
+    options.mp2File = (samples / "speech-mp2-128k.mp2").string();
+    gen::EnsembleDescription description;
+    std::string error;
+    ASSERT_TRUE(gen::MakePresetDescription("default", options, &description, &error)) << error;
+    for (auto& s : description.subChannels) s.record = std::make_shared<std::vector<uint8_t>>();
+    auto multiplex = gen::Multiplex::Make(description, &error);
+    ASSERT_TRUE(multiplex) << error;
+    const gen::EnsembleDescription filled = multiplex->Description();
+
+    // 27 s of signal, clean apart from the 8-bit quantisation: welle-cli
+    // plays it in real time for 25 s and never reaches the end, where it
+    // would start again from the beginning.
+    gen::FrameTransmitter tx(std::move(multiplex), 1);
+    gen::ChannelModel channel(gen::ChannelParams{}, tx.MeanPower());
+    const fs::path signal = dir / "ensemble.u8";
+    {
+        std::ofstream f(signal, std::ios::binary);
+        std::vector<std::complex<float>> block(2048 * 100);
+        std::vector<uint8_t> bytes;
+        for (int i = 0; i < 270; ++i) {
+            tx.Read(block.data(), block.size());
+            channel.ProcessU8(block.data(), block.size(), bytes);
+            f.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+        }
+    }
+
+    const std::string script = (kSourceRoot / "scripts" / "referee_welle.sh").string();
+    RunCommand("'" + script + "' '" + signal.string() + "' '" + (dir / "welle").string() + "' 25 2>/dev/null");
+    const std::string log = [&] {
+        const std::vector<uint8_t> b = ReadFile(dir / "welle" / "welle.log");
+        return std::string(b.begin(), b.end());
+    }();
+    std::cout << "welle-cli log (" << log.size() << " bytes), output in " << (dir / "welle") << "\n";
+
+    EXPECT_NE(log.find(description.label), std::string::npos) << "ensemble label not reported";
+    // A data service with a 32-bit id is sent without a label.
+    for (const auto& s : description.services)
+        if (!s.label.empty() && s.sid <= 0xFFFF) EXPECT_NE(log.find(s.label), std::string::npos) << s.label << " not listed";
+    // What welle-cli said about the ensemble, once per line.
+    std::set<std::string> said;
+    for (size_t at = 0; at < log.size();) {
+        const size_t end = std::min(log.find('\n', at), log.size());
+        const std::string line = log.substr(at, end - at);
+        if ((line.find("[0x") != std::string::npos || line.find("sync") != std::string::npos ||
+             line.find("Ensemble label") != std::string::npos) && said.insert(line).second)
+            std::cout << "  welle-cli: " << line << "\n";
+        at = end + 1;
+    }
+
+    // Each audio programme's dump against the bytes its sub-channel carried.
+    for (const auto& s : description.services) {
+        if (s.components.empty()) continue;
+        const gen::ComponentDesc& c = s.components[0];
+        if (c.kind != gen::ComponentKind::kAudioMp2 && c.kind != gen::ComponentKind::kAudioDabPlus) continue;
+        SCOPED_TRACE(s.label);
+        const fs::path msc = dir / "welle" / (s.label + ".msc");
+        ASSERT_TRUE(fs::exists(msc)) << msc;
+        const std::vector<uint8_t> got = ReadFile(msc);
+        std::shared_ptr<std::vector<uint8_t>> sent;
+        for (const auto& sc : description.subChannels)
+            if (sc.id == c.subChannel) sent = sc.record;
+        ASSERT_TRUE(sent);
+        size_t offset = 0;
+        const size_t n = BytesFoundInOrder(*sent, got, &offset);
+        std::cout << s.label << ": " << got.size() << " bytes dumped, " << n << " equal to the sent bytes from offset "
+                  << offset << " of " << sent->size() << "\n";
+        EXPECT_GT(got.size(), 1000u);
+        EXPECT_EQ(n, got.size());
+        // Decoded audio (MP2 and HE-AAC alike): more than a second of it.
+        const fs::path wav = dir / "welle" / (s.label + ".wav");
+        ASSERT_TRUE(fs::exists(wav)) << wav;
+        EXPECT_GT(fs::file_size(wav), 48000u * 4) << "less than a second of audio";
+    }
+    if (!std::getenv("MVDAB_REFEREE_DIR")) fs::remove_all(dir);
+}
+
+}  // namespace
