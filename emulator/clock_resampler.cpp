@@ -20,7 +20,7 @@ double BesselI0(double x) {
 }
 
 constexpr double kPi = 3.14159265358979323846;
-constexpr double kKaiserBeta = 8.0;
+constexpr double kKaiserBeta = 6.0;  // error below -60 dB up to 0.375 cycles per sample
 // Taps before the interpolation point: the kernel covers samples
 // integer - kLead + 1 .. integer + kTaps - kLead.
 constexpr int32_t kLead = ClockResampler::kTaps / 2;

@@ -87,7 +87,7 @@ MVA_EXPORT int32_t MVA_BDAFilterInit(int32_t /*reserved*/) {
         return 0;
     }
     // Untuned, the device hears the shared source or noise.
-    d->stream->Tune(emu::SelectSource(d->plan, d->settings, 0, d->shared));
+    d->stream->Tune(emu::SelectSource(d->plan, d->settings, 0, d->shared), false);
     emu::lineVerbose = d->settings.verbose;
     d->registers.SetLineObserver(emu::ReportLine);
     if (d->settings.verbose)

@@ -29,10 +29,11 @@ SampleStream::SampleStream(const StreamSettings& settings, RegisterFile* registe
 
 SampleStream::~SampleStream() { Stop(); }
 
-void SampleStream::Tune(TunedSource source) {
+void SampleStream::Tune(TunedSource source, bool settle) {
     std::lock_guard<std::mutex> hold(lock_);
     pending_ = std::move(source);
     hasPending_ = true;
+    pendingSettle_ = settle;
     wake_.notify_all();
 }
 
@@ -118,7 +119,7 @@ int32_t SampleStream::Produce(uint8_t* out, int32_t bytes) {
             pending_ = TunedSource{};
             hasPending_ = false;
             resampler_.Reset();
-            settleLeft_ = settings_.settleSamples;
+            settleLeft_ = pendingSettle_ ? settings_.settleSamples : 0;
             ended_ = false;
         }
     }

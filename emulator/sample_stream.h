@@ -46,9 +46,9 @@ public:
     SampleStream(const SampleStream&) = delete;
     SampleStream& operator=(const SampleStream&) = delete;
 
-    // Any thread: from the next transfer on, `settleSamples` of noise and
-    // then `source`. The stream restarts if its source had ended.
-    void Tune(TunedSource source);
+    // Any thread: from the next transfer on, `settleSamples` of noise (when
+    // `settle`) and then `source`. The stream restarts if its source had ended.
+    void Tune(TunedSource source, bool settle = true);
     // Starts the producer, signalling descriptor `eventFd`; a running stream
     // is stopped first. 1 started, 0 when the thread can't be created.
     int32_t Start(int eventFd);
@@ -82,6 +82,7 @@ private:
     int64_t size_ = 0;                // bytes held
     TunedSource pending_;             // tuning not yet taken up by the producer
     bool hasPending_ = false;
+    bool pendingSettle_ = false;      // the pending tuning starts with settling noise
 
     std::thread thread_;
     int eventFd_ = -1;
