@@ -10,16 +10,16 @@
 namespace gen {
 
 struct Multiplex::SubChannel {
-    int id = 0;                        // SubChId
-    int startCu = 0;                   // capacity units, current organisation
-    Protection protection;             // current organisation
-    SubChannelProfile profile;         // current organisation
-    bool changes = false;              // the reconfiguration concerns this sub-channel
-    int nextStartCu = 0;               // organisation after the reconfiguration
+    int id = 0;                 // SubChId
+    int startCu = 0;            // capacity units, current organisation
+    Protection protection;      // current organisation
+    SubChannelProfile profile;  // current organisation
+    bool changes = false;       // the reconfiguration concerns this sub-channel
+    int nextStartCu = 0;        // organisation after the reconfiguration
     Protection nextProtection;
     SubChannelProfile nextProfile;
     PayloadPtr payload;
-    std::string payloadText;           // as given (packet address completed)
+    std::string payloadText;  // as given (packet address completed)
     std::unique_ptr<SubChannelEncoder> encoder;
 };
 
@@ -59,6 +59,11 @@ std::string CompletePacketPayload(const std::string& text, const EnsembleDescrip
     return text;
 }
 
+std::unique_ptr<Multiplex> Refuse(std::string* error, const std::string& text) {
+    Fail(error, text);
+    return nullptr;
+}
+
 const char* KindName(ComponentKind kind) {
     switch (kind) {
     case ComponentKind::kAudioMp2: return "MPEG layer II audio";
@@ -84,26 +89,25 @@ std::unique_ptr<Multiplex> Multiplex::Make(const EnsembleDescription& descriptio
     std::unique_ptr<Multiplex> m(new Multiplex());
     m->description_ = description;
     EnsembleDescription& d = m->description_;
-    if (d.mode < 1 || d.mode > 4) return Fail(error, "mode must be 1..4"), nullptr;
-    if (d.label.size() > 16) return Fail(error, "ensemble label longer than 16 characters"), nullptr;
+    if (d.mode < 1 || d.mode > 4) return Refuse(error, "mode must be 1..4");
+    if (d.label.size() > 16) return Refuse(error, "ensemble label longer than 16 characters");
     if (d.firstCifCount < 0 || d.firstCifCount >= kCifCountCycle)
-        return Fail(error, "first CIF count must be 0..4999"), nullptr;
-    if (d.subChannels.empty()) return Fail(error, "an ensemble needs at least one sub-channel"), nullptr;
+        return Refuse(error, "first CIF count must be 0..4999");
+    if (d.subChannels.empty()) return Refuse(error, "an ensemble needs at least one sub-channel");
 
     // Sub-channels: profiles, places, payloads.
     std::set<int> ids;
     int nextFree = 0;
     std::vector<std::pair<int, std::pair<int, int>>> placed;
     for (SubChannelDesc& s : d.subChannels) {
-        if (s.id < 0 || s.id > 63) return Fail(error, "sub-channel id must be 0..63"), nullptr;
-        if (!ids.insert(s.id).second)
-            return Fail(error, "sub-channel " + std::to_string(s.id) + " defined twice"), nullptr;
+        if (s.id < 0 || s.id > 63) return Refuse(error, "sub-channel id must be 0..63");
+        if (!ids.insert(s.id).second) return Refuse(error, "sub-channel " + std::to_string(s.id) + " defined twice");
         auto sc = std::make_unique<SubChannel>();
         sc->id = s.id;
         sc->protection = s.protection;
         std::string why;
         if (!MakeProfile(s.protection, s.bitrateKbps, &sc->profile, &why))
-            return Fail(error, "sub-channel " + std::to_string(s.id) + ": " + why), nullptr;
+            return Refuse(error, "sub-channel " + std::to_string(s.id) + ": " + why);
         if (s.startCu < 0) s.startCu = nextFree;
         sc->startCu = s.startCu;
         nextFree = s.startCu + sc->profile.sizeCu;
@@ -117,7 +121,7 @@ std::unique_ptr<Multiplex> Multiplex::Make(const EnsembleDescription& descriptio
         sc.payloadText = CompletePacketPayload(s.payload, d, s.id);
         std::string why;
         PayloadPtr payload = MakePayloadFromText(sc.payloadText, s.bitrateKbps, &why);
-        if (!payload) return Fail(error, "sub-channel " + std::to_string(s.id) + ": " + why), nullptr;
+        if (!payload) return Refuse(error, "sub-channel " + std::to_string(s.id) + ": " + why);
         if (s.record) payload = MakeRecordingPayload(std::move(payload), s.record);
         sc.payload = std::move(payload);
         sc.encoder = std::make_unique<SubChannelEncoder>(sc.profile, sc.payload.get());
@@ -127,27 +131,26 @@ std::unique_ptr<Multiplex> Multiplex::Make(const EnsembleDescription& descriptio
     std::set<uint32_t> sids;
     for (const ServiceDesc& s : d.services) {
         if (s.sid == 0 || !sids.insert(s.sid).second)
-            return Fail(error, "service id " + Hex(s.sid, 4) + " zero or used twice"), nullptr;
-        if (s.label.size() > 16) return Fail(error, "service label longer than 16 characters"), nullptr;
+            return Refuse(error, "service id " + Hex(s.sid, 4) + " zero or used twice");
+        if (s.label.size() > 16) return Refuse(error, "service label longer than 16 characters");
         if (s.components.empty() || s.components.size() > 15)
-            return Fail(error, "service " + Hex(s.sid, 4) + " needs 1..15 components"), nullptr;
+            return Refuse(error, "service " + Hex(s.sid, 4) + " needs 1..15 components");
         for (const ComponentDesc& c : s.components) {
             if (!ids.count(c.subChannel))
-                return Fail(error, "service " + Hex(s.sid, 4) + ": no sub-channel " + std::to_string(c.subChannel)),
-                       nullptr;
+                return Refuse(error, "service " + Hex(s.sid, 4) + ": no sub-channel " + std::to_string(c.subChannel));
             if (c.kind == ComponentKind::kPacketData &&
                 (c.packetAddress < 1 || c.packetAddress > 1021 || c.scid < 0 || c.scid > 4095))
-                return Fail(error, "service " + Hex(s.sid, 4) + ": packet address 1..1021 and SCId 0..4095"), nullptr;
-            if (c.dataType < 0 || c.dataType > 63) return Fail(error, "data type must be 0..63"), nullptr;
+                return Refuse(error, "service " + Hex(s.sid, 4) + ": packet address 1..1021 and SCId 0..4095");
+            if (c.dataType < 0 || c.dataType > 63) return Refuse(error, "data type must be 0..63");
         }
     }
 
     // Reconfiguration.
     Reconfiguration& r = d.reconfiguration;
     if (r.cifCount >= 0) {
-        if (r.cifCount >= kCifCountCycle) return Fail(error, "reconfiguration CIF count must be 0..4999"), nullptr;
+        if (r.cifCount >= kCifCountCycle) return Refuse(error, "reconfiguration CIF count must be 0..4999");
         if (r.announceCifs < 1 || r.announceCifs > 249)
-            return Fail(error, "reconfiguration announcement must be 1..249 CIFs"), nullptr;
+            return Refuse(error, "reconfiguration announcement must be 1..249 CIFs");
         std::vector<std::pair<int, std::pair<int, int>>> after;
         bool found = false;
         for (auto& sc : m->subChannels_) {
@@ -162,12 +165,12 @@ std::unique_ptr<Multiplex> Multiplex::Make(const EnsembleDescription& descriptio
                     std::string why;
                     sc->nextProtection = r.protection;
                     if (!MakeProfile(r.protection, sc->profile.bitrateKbps, &sc->nextProfile, &why))
-                        return Fail(error, "reconfiguration: " + why), nullptr;
+                        return Refuse(error, "reconfiguration: " + why);
                 }
             }
             after.push_back({sc->id, {sc->nextStartCu, sc->nextProfile.sizeCu}});
         }
-        if (!found) return Fail(error, "reconfiguration: no sub-channel " + std::to_string(r.subChannel)), nullptr;
+        if (!found) return Refuse(error, "reconfiguration: no sub-channel " + std::to_string(r.subChannel));
         if (!CheckPlacement(after, error)) return nullptr;
         m->changeAtCif_ = (r.cifCount - d.firstCifCount + kCifCountCycle) % kCifCountCycle;
     }
@@ -195,13 +198,17 @@ void Multiplex::UpdateCarousel() {
     const EnsembleDescription& d = description_;
     std::vector<Fig> figs = SubChannelOrganisationFigs(Organisation(false), false);
     if (announcing_ && !changed_)
-        for (Fig& f : SubChannelOrganisationFigs(Organisation(true), true)) figs.push_back(std::move(f));
-    for (Fig& f : ServiceOrganisationFigs(d.services)) figs.push_back(std::move(f));
-    for (Fig& f : PacketComponentFigs(d.services)) figs.push_back(std::move(f));
+        for (Fig& f : SubChannelOrganisationFigs(Organisation(true), true))
+            figs.push_back(std::move(f));
+    for (Fig& f : ServiceOrganisationFigs(d.services))
+        figs.push_back(std::move(f));
+    for (Fig& f : PacketComponentFigs(d.services))
+        figs.push_back(std::move(f));
     figs.push_back(EnsembleLabelFig(d.eid, d.label, CharacterFlags(d.label, d.shortLabel)));
     for (const ServiceDesc& s : d.services)
         if (s.sid <= 0xFFFF)
-            figs.push_back(ServiceLabelFig(static_cast<uint16_t>(s.sid), s.label, CharacterFlags(s.label, s.shortLabel)));
+            figs.push_back(
+                ServiceLabelFig(static_cast<uint16_t>(s.sid), s.label, CharacterFlags(s.label, s.shortLabel)));
     scheduler_.SetCarousel(std::move(figs));
 }
 
@@ -224,7 +231,8 @@ void Multiplex::NextCif(uint8_t* fibs, uint8_t* mscBits) {
         UpdateCarousel();
     }
     int changeFlags = 0;
-    if (changeAtCif_ >= 0 && !changed_ && cifIndex_ + static_cast<uint64_t>(r.announceCifs) >= static_cast<uint64_t>(changeAtCif_)) {
+    if (changeAtCif_ >= 0 && !changed_ &&
+        cifIndex_ + static_cast<uint64_t>(r.announceCifs) >= static_cast<uint64_t>(changeAtCif_)) {
         changeFlags = 1;  // sub-channel organisation changes
         if (!announcing_) {
             announcing_ = true;
@@ -237,7 +245,8 @@ void Multiplex::NextCif(uint8_t* fibs, uint8_t* mscBits) {
 
     // Capacity no sub-channel uses is sent as zero bits.
     std::memset(mscBits, 0, kCifBits);
-    for (auto& sc : subChannels_) sc->encoder->NextCif(mscBits + 64 * sc->startCu);
+    for (auto& sc : subChannels_)
+        sc->encoder->NextCif(mscBits + 64 * sc->startCu);
     ++cifIndex_;
 }
 

@@ -17,15 +17,20 @@ namespace check {
 inline std::vector<uint8_t> PunctureMask(const std::vector<std::pair<int, int>>& runs) {
     // Order in which positions join as PI grows from 1 to 24 (V_1 has nine).
     static const int kBase[9] = {0, 1, 4, 8, 12, 16, 20, 24, 28};
-    static const int kAdded[23] = {17, 9, 25, 5, 21, 13, 29, 2, 18, 10, 26, 6, 22, 14, 30, 3, 19, 11, 27, 7, 23, 15, 31};
+    static const int kAdded[23] = {17, 9,  25, 5, 21, 13, 29, 2, 18, 10, 26, 6,
+                                   22, 14, 30, 3, 19, 11, 27, 7, 23, 15, 31};
     std::vector<uint8_t> mask;
     for (auto [blocks, pi] : runs) {
         uint8_t v[32] = {};
-        for (int p : kBase) v[p] = 1;
-        for (int k = 0; k < pi - 1; ++k) v[kAdded[k]] = 1;
-        for (int g = 0; g < 4 * blocks; ++g) mask.insert(mask.end(), v, v + 32);
+        for (int p : kBase)
+            v[p] = 1;
+        for (int k = 0; k < pi - 1; ++k)
+            v[kAdded[k]] = 1;
+        for (int g = 0; g < 4 * blocks; ++g)
+            mask.insert(mask.end(), v, v + 32);
     }
-    for (int j = 0; j < 24; ++j) mask.push_back((j % 4) < 2 ? 1 : 0);
+    for (int j = 0; j < 24; ++j)
+        mask.push_back((j % 4) < 2 ? 1 : 0);
     return mask;
 }
 
@@ -87,15 +92,16 @@ inline void Descramble(std::vector<uint8_t>& bits) {
 
 inline std::vector<uint8_t> PackBits(const std::vector<uint8_t>& bits) {
     std::vector<uint8_t> bytes(bits.size() / 8, 0);
-    for (size_t i = 0; i < bytes.size() * 8; ++i) bytes[i / 8] |= static_cast<uint8_t>(bits[i] << (7 - i % 8));
+    for (size_t i = 0; i < bytes.size() * 8; ++i)
+        bytes[i / 8] |= static_cast<uint8_t>(bits[i] << (7 - i % 8));
     return bytes;
 }
 
 // One FIG as read back from a FIB.
 struct FigRead {
     int type = 0;
-    int extension = -1;          // type 0: b4..b0 of the first data byte; type 1: b2..b0
-    std::vector<uint8_t> data;   // data field, first byte included
+    int extension = -1;         // type 0: b4..b0 of the first data byte; type 1: b2..b0
+    std::vector<uint8_t> data;  // data field, first byte included
 };
 
 // Walks the FIGs of a 30-byte FIB data field; false on a FIG running past

@@ -63,8 +63,9 @@ int main(int argc, char** argv) {
     const int mode = o.presetOptions.mode;
     gen::FrameTransmitter tx(std::move(source), mode);
     const gen::ModeGeometry& g = tx.Geometry();
-    const uint64_t frames = o.frames > 0 ? static_cast<uint64_t>(o.frames)
-                                         : static_cast<uint64_t>(o.seconds * gen::kChannelSampleRate / g.frameSamples + 0.999999);
+    const uint64_t frames =
+        o.frames > 0 ? static_cast<uint64_t>(o.frames)
+                     : static_cast<uint64_t>(o.seconds * gen::kChannelSampleRate / g.frameSamples + 0.999999);
     gen::ChannelModel channel(o.channel, tx.MeanPower());
     const double signalSeconds = static_cast<double>(frames) * g.frameSamples / gen::kChannelSampleRate;
     if (!o.quiet || o.listOnly) {
