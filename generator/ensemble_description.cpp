@@ -86,6 +86,35 @@ void ReconfigurePreset(const PresetOptions& o, EnsembleDescription* d) {
     d->reconfiguration.protection = {ProtectionKind::kEepA, 2};
 }
 
+// Data services only: a T-DMB transport stream in a stream sub-channel and a
+// packet stream with Reed-Solomon FEC frames.
+void DataPreset(const PresetOptions& o, EnsembleDescription* d) {
+    d->eid = 0xE1A7;
+    d->label = "MVX DATA";
+    SubChannelDesc ts;
+    ts.id = 4;
+    ts.startCu = 0;
+    ts.protection = {ProtectionKind::kEepA, 3};
+    ts.bitrateKbps = 96;
+    ts.payload = "tdmb:" + SeedText(o.seed, 4);
+    SubChannelDesc packets;
+    packets.id = 5;
+    packets.protection = {ProtectionKind::kEepA, 3};
+    packets.bitrateKbps = 64;
+    packets.payload = "packet:" + SeedText(o.seed, 5) + ",size=96,fec=1";
+    d->subChannels = {ts, packets};
+    ComponentDesc stream;
+    stream.kind = ComponentKind::kStreamData;
+    stream.subChannel = 4;
+    stream.dataType = 24;  // MPEG-2 transport stream
+    ComponentDesc packet;
+    packet.kind = ComponentKind::kPacketData;
+    packet.subChannel = 5;
+    packet.scid = 2;
+    packet.packetAddress = 5;
+    d->services = {{0xE401, "MVX TDMB", "TDMB", {stream}}, {0xE1E00402, "MVX Packet FEC", "", {packet}}};
+}
+
 struct PresetEntry {
     const char* name;
     const char* help;
@@ -102,6 +131,10 @@ constexpr PresetEntry kPresets[] = {
      "single-random whose sub-channel moves to CU 400 and takes EEP 2-A at CIF count 417, announced 200 CIFs "
      "before",
      ReconfigurePreset},
+    {"data",
+     "T-DMB transport stream (96 kbit/s EEP 3-A, DSCTy 24) and packet mode with RS FEC (64 kbit/s EEP 3-A, "
+     "address 5)",
+     DataPreset},
 };
 
 // --- description files ---

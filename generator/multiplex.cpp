@@ -183,7 +183,6 @@ std::unique_ptr<Multiplex> Multiplex::Make(const EnsembleDescription& descriptio
 std::vector<SubChannelOrganisation> Multiplex::Organisation(bool afterChange) const {
     std::vector<SubChannelOrganisation> out;
     for (const auto& sc : subChannels_) {
-        if (afterChange && !sc->changes) continue;  // the next organisation lists what changes
         SubChannelOrganisation o;
         o.id = sc->id;
         o.startCu = afterChange ? sc->nextStartCu : sc->startCu;

@@ -206,6 +206,7 @@ void CheckSubChannel(gen::EnsembleDescription d, size_t which, int cifs) {
 TEST(Multiplex, SubChannelsDecodeToTheRecordedPayload) {
     CheckSubChannel(Preset("single-random", 1), 0, 19);   // EEP 3-A
     CheckSubChannel(Preset("default", 2), 1, 18);         // UEP row 35, 4 padding bits
+    CheckSubChannel(Preset("data", 4), 1, 16);            // packet stream with FEC
     gen::EnsembleDescription d = Preset("single-random", 1);
     d.subChannels[0].protection = {gen::ProtectionKind::kEepB, 4};
     d.subChannels[0].bitrateKbps = 32;
@@ -217,10 +218,18 @@ TEST(Multiplex, ReconfigurationIsAnnouncedThenApplied) {
     d.firstCifCount = 4990;
     d.reconfiguration.cifCount = 20;  // 30 CIFs in, across the wrap
     d.reconfiguration.announceCifs = 10;
+    gen::SubChannelDesc other;  // stays where it is
+    other.id = 9;
+    other.startCu = 700;
+    other.protection = {gen::ProtectionKind::kEepA, 4};
+    other.bitrateKbps = 16;
+    other.payload = "random:5";
+    d.subChannels.push_back(other);
     auto m = Build(d);
     auto fibs = std::make_shared<std::vector<uint8_t>>();
     m->RecordFibs(fibs);
     std::vector<uint8_t> bits;
+    int nextFigs = 0;
     for (int t = 0; t < 40; ++t) {
         m->NextFrame(bits);  // mode II: one CIF per frame
         const uint8_t* group = fibs->data() + t * 96;
@@ -240,11 +249,21 @@ TEST(Multiplex, ReconfigurationIsAnnouncedThenApplied) {
                 if (fig.type != 0 || fig.extension != 1) continue;
                 const bool next = fig.data[0] & 0x80;
                 EXPECT_TRUE(!next || announcing) << "CIF " << t;
-                const int start = ((fig.data[1] & 3) << 8) | fig.data[2];
-                const int level = ((fig.data[3] >> 2) & 3) + 1;
+                nextFigs += next;
                 const bool newOrganisation = next || t >= 30;
-                EXPECT_EQ(start, newOrganisation ? 400 : 0) << "CIF " << t;
-                EXPECT_EQ(level, newOrganisation ? 2 : 3) << "CIF " << t;
+                ASSERT_EQ(fig.data.size(), 9u);  // both long-form entries, in every organisation
+                for (size_t e = 1; e < 9; e += 4) {
+                    const int id = fig.data[e] >> 2;
+                    const int start = ((fig.data[e] & 3) << 8) | fig.data[e + 1];
+                    const int level = ((fig.data[e + 2] >> 2) & 3) + 1;
+                    if (id == 9) {
+                        EXPECT_EQ(start, 700);
+                        EXPECT_EQ(level, 4);
+                        continue;
+                    }
+                    EXPECT_EQ(start, newOrganisation ? 400 : 0) << "CIF " << t;
+                    EXPECT_EQ(level, newOrganisation ? 2 : 3) << "CIF " << t;
+                }
             }
         }
         // The sub-channel's capacity: 48 CU at CU 0, then 64 CU at CU 400.
@@ -257,6 +276,7 @@ TEST(Multiplex, ReconfigurationIsAnnouncedThenApplied) {
         EXPECT_EQ(onesOld > 0, oldUsed) << "CIF " << t;
         EXPECT_EQ(onesNew > 0, newUsed) << "CIF " << t;
     }
+    EXPECT_GE(nextFigs, 5);  // the next organisation went out during the announcement
 }
 
 TEST(Multiplex, SameSeedSameBits) {
