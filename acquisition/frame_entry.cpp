@@ -21,6 +21,7 @@ constexpr float AcquisitionFilterTaps[kEntryFilterTaps] = {
 };
 
 constexpr int32_t kMaxFftSize = 2048;
+constexpr double kPi = kTwoPi / 2.0;
 constexpr int32_t kMaxSymbolLength = 2552;
 
 // Second stage by mode: first shift below the first stage's best, and the
@@ -83,6 +84,18 @@ void WrapPhase(double& phase) {
 }
 
 }  // namespace
+
+float SmoothPrefixAngle(float smoothed, double angle) {
+    // An offset near half a carrier spacing puts the angles of single
+    // symbols on both sides of +-pi; taken as they come they would cancel
+    // and leave an estimate near 0, a full half spacing off. Each angle is
+    // therefore taken on the branch nearest the running value: the estimate
+    // may then pass +-pi, and the integer search takes the whole carrier.
+    const double previous = static_cast<double>(smoothed);
+    if (angle - previous > kPi) angle -= kTwoPi;
+    else if (angle - previous < -kPi) angle += kTwoPi;
+    return static_cast<float>(0.75 * previous + 0.25 * angle);
+}
 
 void ResetFrameEntry() {
     for (int32_t t = 0; t < kEntryFilterTaps; ++t) {
@@ -177,8 +190,7 @@ int32_t EnterFirstFrame() {
     for (int32_t r = 0; r < symbols; ++r) {
         FilterSymbol(frame + 2 * r * symbolLength, symbolLength, filtered);
         if (r == 0) std::memcpy(copy + 2 * guard, filtered + 2 * guard, 2 * fftSize * sizeof(float));
-        const double angle = CyclicPrefixAngle(filtered, guard, fftSize);
-        e = static_cast<float>(0.75 * static_cast<double>(e) + 0.25 * angle);
+        e = SmoothPrefixAngle(e, CyclicPrefixAngle(filtered, guard, fftSize));
     }
     frameEntry.fractionalError = e;
 

@@ -32,6 +32,11 @@ int32_t EnterFirstFrame();
 // Clears the filter history of the entry estimate; part of ResetAcquisition.
 void ResetFrameEntry();
 
+// One step of the fractional estimate: 0.75 of the running value `smoothed`
+// plus 0.25 of the cyclic-prefix angle of the next symbol (rad), the angle
+// taken on the branch (+-2 pi) nearest the running value.
+float SmoothPrefixAngle(float smoothed, double angle);
+
 // Shifts the second stage of the integer search tries, in order, after a
 // first-stage best of `firstStageBest`; writes at most `capacity` to
 // `shifts` and returns their number (0 in mode III).

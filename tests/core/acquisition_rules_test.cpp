@@ -181,6 +181,24 @@ TEST_F(SearchState, FramePositionStandsBackoffAndOneSampleBeforeThePhaseReferenc
     EXPECT_EQ(FramePositionFromNull(49151, kModeII, 0), 2 * 49151 - 120 + 2 * kIqFrameBytes);
 }
 
+TEST(FractionalEstimate, AnglesAcrossPlusMinusPiDoNotCancel) {
+    // Eleven symbols at a constant angle: 1 - 0.75^11 of it, either sign.
+    for (double angle : {0.4, -1.3, 3.0, -3.1}) {
+        float e = 0.0f;
+        for (int r = 0; r < 11; ++r) e = SmoothPrefixAngle(e, angle);
+        EXPECT_NEAR(e, angle * (1.0 - std::pow(0.75, 11)), 1e-5) << angle;
+    }
+    // Half a carrier spacing off: noise puts the angles on both sides of pi.
+    // They must add up near pi, not near 0.
+    const double angles[11] = {-3.0, 3.1, -3.05, 3.08, 3.0, -3.1, 3.12, -3.0, 3.05, -3.12, 3.1};
+    float e = 0.0f;
+    for (double a : angles) e = SmoothPrefixAngle(e, a);
+    EXPECT_GT(std::abs(e), 2.8f);
+    // Angles closer than pi to the running value are taken as they come.
+    EXPECT_FLOAT_EQ(SmoothPrefixAngle(-1.0f, 2.0), static_cast<float>(0.75 * -1.0 + 0.25 * 2.0));
+    EXPECT_FLOAT_EQ(SmoothPrefixAngle(-1.0f, 2.2), static_cast<float>(0.75 * -1.0 + 0.25 * (2.2 - kTwoPi)));
+}
+
 TEST(IntegerSearch, SecondStageOrderAndFixedStep) {
     int32_t shifts[kMaxSecondStageShifts];
     auto list = [&](int32_t m, int32_t best) {

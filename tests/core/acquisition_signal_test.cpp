@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "acquisition/coarse_frame_search.h"
 #include "acquisition/frame_entry.h"
 #include "demodulation/dft_service.h"
 #include "receiver/receiver_state.h"
@@ -186,6 +187,105 @@ TEST(AcquisitionOnSignal, AFailingDftServiceReturnsToACleanSearch) {
     EXPECT_EQ(mode.configuredMode, m - 1);
     EXPECT_EQ(dftPlan.committed, 1);
     EXPECT_LT(std::abs(a.frequencyError), 0.1);
+}
+
+TEST(AcquisitionOnSignal, OffsetsNearHalfACarrierSpacing) {
+    // The cyclic-prefix angle then sits near +-pi, where noise puts single
+    // symbols on either side.
+    for (int m = 1; m <= 4; ++m) {
+        for (double carriers : {-0.47, 4.48, -7.46}) {
+            const double cfo = carriers * kCarrierSpacingHz[m - 1];
+            test::DabSignal signal(m, Channel(uint64_t(200 + m), 10.0, cfo, 0.0), uint64_t(3 + m));
+            const Acquisition a = Acquire(signal, m, cfo, 30);
+            SCOPED_TRACE(::testing::Message() << "mode " << m << " offset " << carriers << " spacings");
+            ASSERT_TRUE(a.tracked);
+            EXPECT_EQ(a.decidedMode, m - 1);
+            EXPECT_LT(std::abs(a.frequencyError), 0.1) << "shift " << a.integerShift;
+        }
+    }
+}
+
+// Outcome of many acquisitions under one condition.
+struct SweepRow {
+    int32_t runs = 0;
+    int32_t successes = 0;               // state 3, right mode, frequency within 0.1 spacing
+    std::vector<int32_t> frames;         // IqFrames to state 3 of the successes
+    int64_t worstPosition = 0;           // samples, over the successes
+    double worstFrequency = 0.0;         // carrier spacings, over the successes
+};
+
+void Record(SweepRow& row, const Acquisition& a, int m) {
+    ++row.runs;
+    if (!a.tracked || a.decidedMode != m - 1 || std::abs(a.frequencyError) >= 0.1) return;
+    ++row.successes;
+    row.frames.push_back(a.framesToTrack);
+    row.worstPosition = std::max<int64_t>(row.worstPosition, std::abs(a.positionError));
+    row.worstFrequency = std::max(row.worstFrequency, std::abs(a.frequencyError));
+}
+
+std::string Describe(SweepRow row) {
+    char text[160];
+    if (row.frames.empty()) {
+        std::snprintf(text, sizeof text, "%3d/%-3d", row.successes, row.runs);
+        return text;
+    }
+    std::sort(row.frames.begin(), row.frames.end());
+    std::snprintf(text, sizeof text, "%3d/%-3d frames %2d/%2d/%2d  |pos| <= %lld  |df| <= %.3f", row.successes,
+                  row.runs, row.frames.front(), row.frames[row.frames.size() / 2], row.frames.back(),
+                  static_cast<long long>(row.worstPosition), row.worstFrequency);
+    return text;
+}
+
+// Budget of one acquisition: three rounds of search and hold-off and more.
+constexpr int32_t kSweepFrames = 60;
+
+TEST(AcquisitionSweep, IqFramesFromTuningToTrackingOverTwentySeeds) {
+    if (!LongTests()) GTEST_SKIP() << "MVDAB_LONG_TESTS=1";
+    std::printf("IqFrames from tuning to state 3 (0.1 s noise lead-in, random start, 15 dB, offsets of +-20.5 carriers)\n");
+    std::printf("mode  success  frames min/median/max\n");
+    for (int m = 1; m <= 4; ++m) {
+        SweepRow row;
+        for (uint64_t seed = 1; seed <= 20; ++seed) {
+            const double cfo = OffsetOfSeed(m, seed);
+            test::DabSignal signal(m, Channel(seed, 15.0, cfo, 0.1), seed);
+            Record(row, Acquire(signal, m, cfo, kSweepFrames), m);
+        }
+        std::printf("%4d  %s\n", m, Describe(row).c_str());
+        EXPECT_EQ(row.successes, row.runs) << "mode " << m;
+    }
+}
+
+TEST(AcquisitionSweep, SuccessAgainstNoiseAndMultipath) {
+    if (!LongTests()) GTEST_SKIP() << "MVDAB_LONG_TESTS=1";
+    constexpr uint64_t kSeeds = 10;
+    std::printf("State 3 with the right mode and frequency within %d IqFrames, %d seeds, random start\n",
+                kSweepFrames, int(kSeeds));
+    for (int m = 1; m <= 4; ++m) {
+        std::printf("mode %d\n", m);
+        for (int snr = 0; snr <= 20; snr += 2) {
+            SweepRow row;
+            for (uint64_t seed = 1; seed <= kSeeds; ++seed) {
+                const double cfo = OffsetOfSeed(m, seed + 50);
+                test::DabSignal signal(m, Channel(seed + 50, snr, cfo, 0.0), seed);
+                Record(row, Acquire(signal, m, cfo, kSweepFrames), m);
+            }
+            std::printf("  AWGN %2d dB        %s\n", snr, Describe(row).c_str());
+            std::fflush(stdout);
+        }
+        for (const char* profile : {"urban", "sfn-long"}) {
+            for (int snr : {10, 20}) {
+                SweepRow row;
+                for (uint64_t seed = 1; seed <= kSeeds; ++seed) {
+                    const double cfo = OffsetOfSeed(m, seed + 80);
+                    gen::ChannelParams c = Channel(seed + 80, snr, cfo, 0.0);
+                    gen::MultipathProfile(profile, &c.taps);
+                    test::DabSignal signal(m, c, seed);
+                    Record(row, Acquire(signal, m, cfo, kSweepFrames), m);
+                }
+                std::printf("  %-8s %2d dB     %s\n", profile, snr, Describe(row).c_str());
+            }
+        }
+    }
 }
 
 }  // namespace
