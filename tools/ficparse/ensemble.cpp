@@ -104,7 +104,9 @@ std::vector<std::string> Ensemble::Missing() const {
     if (services.empty()) missing.push_back("services");
     for (const auto& [sid, service] : services) {
         const std::string name = Hex(sid, service.longId ? 8 : 4);
-        if (!service.label.known) missing.push_back("label of service " + name);
+        // Data services (32-bit SId) are listed without a label by many
+        // ensembles, so their label is shown when it comes but not awaited.
+        if (!service.label.known && !service.longId) missing.push_back("label of service " + name);
         for (const Component& c : service.components) {
             if (c.transport == Transport::FidcData) continue;
             if (c.transport == Transport::PacketData && !c.packetInfoKnown) {

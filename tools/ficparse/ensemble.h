@@ -92,6 +92,7 @@ struct Ensemble {
     // "label of service 0xC221", "sub-channel 3 of service 0xC221". Empty when
     // the ensemble id and label, and for every listed service its label and
     // the sub-channels (and packet data) of all its components, are known.
+    // The label of a data service (32-bit SId) is not required.
     std::vector<std::string> Missing() const;
     bool Complete() const { return Missing().empty(); }
 };

@@ -80,7 +80,7 @@ TEST(EnsemblePrint, Text) {
              "  0xE0C12345 (no label)\n    packet, SCId 9, packet data not yet known, primary\n",
              "   1: start   0, size  24 CU, UEP 5, 48 kbit/s\n",
              "   2: start  24, size  18 CU, EEP 3-B, 32 kbit/s\n",
-             "Incomplete, missing: label of service 0xC222; label of service 0xE0C12345; "
+             "Incomplete, missing: label of service 0xC222; "
              "packet data of component 9 of service 0xE0C12345\n",
              "FIGs seen: 0/0 0/1 0/2 1/0 1/1\n",
          })

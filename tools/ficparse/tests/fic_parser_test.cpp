@@ -224,6 +224,14 @@ TEST(FicParser, MissingNamesWhatIsNotYetKnown) {
                                       Fig03({{77, false, false, 1, 2, 0}})}))
         parser.PushFib(fib.data(), true);
     EXPECT_TRUE(parser.ensemble().Complete());
+    // A data service without a label leaves it complete; one whose
+    // sub-channel is unknown does not.
+    for (const Bytes& fib : PackFibs({Fig02({{0xE0C12345u, 0, {{1, 5, 2, true, false}}}}, true)}))
+        parser.PushFib(fib.data(), true);
+    EXPECT_TRUE(parser.ensemble().Complete());
+    for (const Bytes& fib : PackFibs({Fig02({{0xE0C12346u, 0, {{1, 5, 9, true, false}}}}, true)}))
+        parser.PushFib(fib.data(), true);
+    EXPECT_EQ(parser.ensemble().Missing(), std::vector<std::string>{"sub-channel 9 of service 0xE0C12346"});
 }
 
 TEST(FicParser, LabelCharacterSets) {
