@@ -10,13 +10,6 @@
 
 #include "generator/signal_stream.h"
 
-namespace gen {
-// Weak, so that the device works (with noise) in a build without the
-// transmitter; the generated sources then report that they are unavailable.
-std::unique_ptr<SignalStream> MakeSignalStream(const std::string& description, std::string* error)
-    __attribute__((weak));
-}  // namespace gen
-
 namespace emu {
 
 // ---------------------------------------------------------------------------
@@ -172,10 +165,6 @@ TunedSource Noise(const EmulatorSettings& settings, int32_t frequencyKhz) {
 }  // namespace
 
 std::unique_ptr<SampleSource> MakeGeneratedSource(const std::string& description, std::string* error) {
-    if (gen::MakeSignalStream == nullptr) {
-        if (error != nullptr) *error = "this build has no signal generator";
-        return nullptr;
-    }
     std::string why;
     std::unique_ptr<gen::SignalStream> stream;
     try {

@@ -66,7 +66,7 @@ private:
 };
 
 // A generated signal (gen::MakeSignalStream). Null, with `error`, when the
-// description can't be built or no generator is linked in.
+// description can't be built.
 std::unique_ptr<SampleSource> MakeGeneratedSource(const std::string& description, std::string* error);
 
 // A source with the clock error of the converter that samples it.

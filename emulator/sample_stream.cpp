@@ -132,7 +132,12 @@ int32_t SampleStream::Produce(uint8_t* out, int32_t bytes) {
         done = n;
     }
     if (done < samples && current_.source != nullptr && !ended_) {
-        const double ppm = current_.clockPpm - registers_->SampleRateCorrectionPpm();
+        const double correction = registers_->SampleRateCorrectionPpm();
+        if (settings_.verbose && correction != lastCorrection_)
+            std::fprintf(stderr, "emulator: sample-rate correction %+.2f ppm, clock error of %s now %+.2f ppm\n",
+                         correction, current_.name.c_str(), current_.clockPpm - correction);
+        lastCorrection_ = correction;
+        const double ppm = current_.clockPpm - correction;
         const size_t got = resampler_.Produce(current_.source.get(), ppm, out + done * kBytesPerSample,
                                               samples - done);
         done += got;

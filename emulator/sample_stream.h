@@ -97,6 +97,7 @@ private:
     NoiseSource settleNoise_;
     int64_t settleLeft_ = 0;         // settling samples still to deliver
     bool ended_ = false;             // the current source has ended
+    double lastCorrection_ = 0.0;    // sample-rate correction of the last transfer, ppm (for reports)
 };
 
 }  // namespace emu
