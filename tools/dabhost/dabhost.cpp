@@ -91,7 +91,6 @@ bool WatchFrequency(int32_t frequencyKhz, const WaitRule& rule, const HostOption
         std::fprintf(stderr, "dabhost: tuning %s failed\n", FrequencyText(frequencyKhz).c_str());
         return false;
     }
-    // Frames of the previous frequency may still be queued.
     ficQueue.Clear();
     parser.Reset();
     const Clock::time_point start = Clock::now();
@@ -102,8 +101,14 @@ bool WatchFrequency(int32_t frequencyKhz, const WaitRule& rule, const HostOption
     uint64_t parsedFrames = 0;
     while (outcome == WaitOutcome::Waiting) {
         const double elapsed = Seconds(Clock::now() - start);
-        parsedFrames += uint64_t(ficQueue.Drain(parser));
         status = ReadStatus(elapsed);
+        // Until the receiver has found the new signal's frame structure no
+        // FIC can come from it; what arrives is the end of the previous
+        // frequency's last frame step, and must not count for this one.
+        if (status.present == 1)
+            parsedFrames += uint64_t(ficQueue.Drain(parser));
+        else
+            ficQueue.Discard();
         WaitPoll poll;
         poll.elapsedSeconds = elapsed;
         poll.present = status.present;

@@ -41,6 +41,12 @@ int FicQueue::Drain(ficparse::FicParser& parser) {
     return int(taken.size());
 }
 
+void FicQueue::Discard() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    head_ = 0;
+    queued_ = 0;
+}
+
 void FicQueue::Clear() {
     std::lock_guard<std::mutex> lock(mutex_);
     head_ = 0;

@@ -37,6 +37,9 @@ public:
     // Returns how many frames were parsed.
     int Drain(ficparse::FicParser& parser);
 
+    // Forgets queued frames but keeps the counts.
+    void Discard();
+
     // Forgets queued frames and counts, e.g. after a retune.
     void Clear();
 

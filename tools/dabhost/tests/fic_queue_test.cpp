@@ -35,6 +35,10 @@ TEST(FicQueue, CountsCrcFailuresFromTheFlagsAndParsesOnDrain) {
     EXPECT_EQ(queue.counts().fibsBad, 2u);
     EXPECT_EQ(queue.counts().mode, 2);
 
+    queue.Discard();
+    EXPECT_EQ(queue.Drain(parser), 0);
+    EXPECT_EQ(queue.counts().frames, 2u);
+    queue.Push(frame.data(), 96, (0x5 << 13) | 2);
     queue.Clear();
     EXPECT_EQ(queue.counts().frames, 0u);
     EXPECT_EQ(queue.Drain(parser), 0);
