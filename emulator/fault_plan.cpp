@@ -78,6 +78,7 @@ bool ParseItem(const std::string& name, const std::string& value, bool hasValue,
 }  // namespace
 
 int32_t ParseFaultPlan(const std::string& text, FaultPlan* plan, std::string* error) {
+    int32_t ok = 1;
     size_t start = 0;
     while (start <= text.size()) {
         size_t end = text.find(',', start);
@@ -92,11 +93,11 @@ int32_t ParseFaultPlan(const std::string& text, FaultPlan* plan, std::string* er
         const std::string name = hasValue ? item.substr(0, eq) : item;
         const std::string value = hasValue ? item.substr(eq + 1) : std::string();
         if (!ParseItem(name, value, hasValue, plan)) {
-            if (error != nullptr) *error = "unknown or malformed fault \"" + item + "\"";
-            return 0;
+            if (error != nullptr) *error += (error->empty() ? "" : "; ") + ("unknown or malformed fault \"" + item + "\"");
+            ok = 0;
         }
     }
-    return 1;
+    return ok;
 }
 
 bool RegisterAccessFails(FaultPlan* plan, RegisterAccessKind kind, int32_t page, int32_t addr, int32_t count) {

@@ -61,8 +61,8 @@ struct FaultPlan {
     int64_t streamStopBytes = -1;  // bytes before the stream ends; -1 never
 };
 
-// Fills `plan` from the list; 0 with `error` set on an unknown or malformed
-// item (the items before it are kept).
+// Fills `plan` from the list; 0 with `error` naming each unknown or
+// malformed item, which is skipped (the others still count).
 int32_t ParseFaultPlan(const std::string& text, FaultPlan* plan, std::string* error);
 
 // True when an access of `count` registers from `addr` must fail; counts the

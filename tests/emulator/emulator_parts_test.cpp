@@ -86,6 +86,12 @@ TEST(EmulatorFaults, ParsingAndRegisterFaults) {
         FaultPlan g;
         EXPECT_EQ(ParseFaultPlan(bad, &g, &error), 0) << bad;
     }
+    // A bad item doesn't cost the others.
+    FaultPlan g;
+    error.clear();
+    EXPECT_EQ(ParseFaultPlan("explode,tuner-type", &g, &error), 0);
+    EXPECT_TRUE(g.tunerType);
+    EXPECT_NE(error.find("explode"), std::string::npos);
 }
 
 TEST(EmulatorRegisters, ResetStateRangesAndLine) {
