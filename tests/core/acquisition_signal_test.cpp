@@ -205,6 +205,48 @@ TEST(AcquisitionOnSignal, OffsetsNearHalfACarrierSpacing) {
     }
 }
 
+TEST(AcquisitionOnSignal, ReadsOfAnySizeGiveTheSameLock) {
+    // The same signal once as whole IqFrames, once as a device's reads of
+    // uneven sizes: the same frame steps, the same position and correction.
+    const int m = 4;
+    const double cfo = -12.3 * kCarrierSpacingHz[m - 1];
+    struct Lock {
+        int64_t frames;
+        int32_t position;
+        double increment;
+    };
+    auto lockOf = [&](bool uneven) {
+        test::DabSignal signal(m, Channel(9, 12.0, cfo, 0.05), 9);
+        test::FrameHarness h;
+        h.Tune(kTuneKhz);
+        std::vector<uint8_t> bytes(kIqFrameBytes);
+        uint32_t size = 1000;
+        while (pipeline.acquisitionState != 3 && h.frames() < 30) {
+            if (!uneven) {
+                signal.NextIqFrame(bytes.data());
+                h.PushIqFrame(bytes.data());
+                continue;
+            }
+            size = (size * 1103515245u + 12345u) % 200000u;
+            const int32_t count = int32_t(2 + (size & ~1u));
+            signal.Read(bytes.data(), size_t(count));
+            // Stop at the step that entered state 3, as the frame pushes do.
+            for (int32_t done = 0; done < count && pipeline.acquisitionState != 3;) {
+                const int32_t n = std::min<int32_t>(count - done, 2 * 4096);
+                h.PushBytes(bytes.data() + done, n);
+                done += n;
+            }
+        }
+        return Lock{h.frames(), pipeline.framePosition, frequencyCorrection.samplePhaseIncrement};
+    };
+    const Lock whole = lockOf(false);
+    const Lock reads = lockOf(true);
+    ASSERT_LT(whole.frames, 30);
+    EXPECT_EQ(reads.frames, whole.frames);
+    EXPECT_EQ(reads.position, whole.position);
+    EXPECT_EQ(reads.increment, whole.increment);
+}
+
 // Outcome of many acquisitions under one condition.
 struct SweepRow {
     int32_t runs = 0;
