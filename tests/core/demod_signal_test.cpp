@@ -82,7 +82,7 @@ protected:
 // value of every data symbol has the sign of its bit (positive for 0) and a
 // size near 0.7071. Then a FIC-only frame writes only the FIC rows, and a
 // run in the MSC behind a reference-only symbol writes only the run's rows,
-// each still right.
+// each still right, although that frame comes at a lower level.
 TEST_P(DemodSignal, SoftValuesCarryTheSentBitsUnderEveryMask) {
     gen::ChannelParams channel;
     channel.frequencyOffsetHz = 321.0;
@@ -117,9 +117,19 @@ TEST_P(DemodSignal, SoftValuesCarryTheSentBitsUnderEveryMask) {
     SymbolMask[r] = kMaskReference;
     for (int32_t l = r + 1; l < r + 5; ++l) SymbolMask[l] = kMaskReference | kMaskData;
     SymbolMask[r + 5] = kMaskData;
+    // This frame also comes at 0.4 of the level: its own phase reference
+    // sets the scale, so the values keep their size at once.
     const std::vector<uint8_t>& run = frames.Load();
+    for (int64_t i = 0; i < demodtest::HistoryBytes(); ++i) {
+        uint8_t& b = workBlocks.historyBase[i];
+        b = static_cast<uint8_t>(std::lround(127.5 + 0.4 * (b - 127.5)));
+    }
     ASSERT_EQ(DemodulateFrame(), 1);
     EXPECT_EQ(ErrorRate(run, r + 1, 5), 0.0);
+    sum = 0.0;
+    for (int32_t l = r + 1; l <= r + 5; ++l)
+        for (int32_t i = 0; i < 2 * k; ++i) sum += std::fabs(Row(l)[i]);
+    EXPECT_NEAR(sum / (10.0 * k), 0.7071, 0.03);
     for (int32_t l = 0; l < m.symbolsPerFrame; ++l)
         if (l <= r || l > r + 5) {
             ASSERT_TRUE(RowUntouched(l)) << l;
