@@ -1,9 +1,9 @@
 #include "acquisition/tuning_input.h"
 
+#include "device/tuning.h"
+
 namespace mvdab {
 
-// Until the tuning record is in place every tuning counts as the normal
-// bandwidth, for which the prefilter runs.
-int32_t CurrentBandwidthCode() { return 6; }
+int32_t CurrentBandwidthCode() { return TunedBandwidthCode(); }
 
 }  // namespace mvdab

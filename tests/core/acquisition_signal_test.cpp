@@ -82,8 +82,8 @@ Acquisition Continue(test::FrameHarness& h, test::DabSignal& signal, int m, doub
 }
 
 // Tunes a fresh receiver to `signal`, from its first byte on.
-Acquisition Acquire(test::DabSignal& signal, int m, double cfoHz, int32_t maxFrames) {
-    test::FrameHarness h;
+Acquisition Acquire(test::DabSignal& signal, int m, double cfoHz, int32_t maxFrames, int32_t tunerType = 1) {
+    test::FrameHarness h(tunerType);
     if (!h.ready()) return Acquisition{};
     h.Tune(kTuneKhz);
     return Continue(h, signal, m, cfoHz, maxFrames);
@@ -245,6 +245,34 @@ TEST(AcquisitionOnSignal, ReadsOfAnySizeGiveTheSameLock) {
     EXPECT_EQ(reads.frames, whole.frames);
     EXPECT_EQ(reads.position, whole.position);
     EXPECT_EQ(reads.increment, whole.increment);
+}
+
+TEST(AcquisitionOnSignal, WithoutPrefilterForBandwidthCodeOne) {
+    // Tuner type 2 is tuned with bandwidth code 1: the power envelope is
+    // taken from the raw samples and the prefilter history is left alone.
+    {
+        test::FrameHarness h(2);
+        ASSERT_TRUE(h.ready());
+        h.Tune(kTuneKhz);
+        test::DabSignal signal(2, Channel(4, 15.0, 0.0, 0.0), 4);
+        std::vector<uint8_t> frame(kIqFrameBytes);
+        for (int f = 0; f < 3; ++f) {
+            signal.NextIqFrame(frame.data());
+            h.PushIqFrame(frame.data());
+            for (int i = 0; i < 6; ++i) ASSERT_EQ(workBlocks.filterI[i], 0.0f) << "frame " << f;
+        }
+    }
+    for (int m = 1; m <= 4; ++m) {
+        const double cfo = OffsetOfSeed(m, 30 + m);
+        test::DabSignal signal(m, Channel(30 + m, 15.0, cfo, 0.05), 30 + m);
+        const Acquisition a = Acquire(signal, m, cfo, 30, 2);
+        SCOPED_TRACE(::testing::Message() << "mode " << m);
+        ASSERT_TRUE(a.tracked);
+        EXPECT_EQ(a.decidedMode, m - 1);
+        // No filter delay in the envelope: the null lands on the sample.
+        EXPECT_LE(std::abs(a.positionError), 2);
+        EXPECT_LT(std::abs(a.frequencyError), 0.1);
+    }
 }
 
 // Outcome of many acquisitions under one condition.
