@@ -82,18 +82,6 @@ TEST_P(DemodMask, FicOnlyMaskWritesFicRowsAndAdvancesPhasePerTransformedSymbol) 
     for (int32_t l = fic; l < mode.parameters.symbolsPerFrame; ++l) EXPECT_TRUE(RowUntouched(l)) << "row " << l;
 }
 
-TEST_P(DemodMask, EverySymbolSelectedWritesEveryRowButTheReference) {
-    receiverSettings.frequencyLoopGain = 0.0f;
-    frequencyCorrection.samplePhaseIncrement = -0.0007;
-    const int32_t symbols = mode.parameters.symbolsPerFrame;
-    SymbolMask[0] = kMaskReference;
-    for (int32_t l = 1; l < symbols; ++l) SymbolMask[l] = kMaskReference | kMaskData;
-    ASSERT_EQ(DemodulateFrame(), 1);
-    EXPECT_DOUBLE_EQ(frequencyCorrection.samplePhase, ExpectedPhase(0.0, symbols));
-    EXPECT_TRUE(RowUntouched(0));
-    for (int32_t l = 1; l < symbols; ++l) EXPECT_FALSE(RowUntouched(l)) << "row " << l;
-}
-
 // A reference-only symbol is transformed and becomes the reference of the
 // next one, but writes no row and leaves the frequency loop alone. Its
 // successor's row equals what it is when the reference is demodulated as well
@@ -123,25 +111,6 @@ TEST_P(DemodMask, ReferenceOnlySymbolFeedsTheNextProductWithoutARowOrLoopStep) {
     ASSERT_EQ(DemodulateFrame(), 1);
     EXPECT_EQ(frequencyCorrection.samplePhaseIncrement, 0.0005);
     for (int32_t l = 0; l < symbols; ++l) EXPECT_TRUE(RowUntouched(l)) << "row " << l;
-}
-
-// A demodulated symbol moves the frequency loop; two frames with the same
-// samples and start values give the same soft values bit for bit.
-TEST_P(DemodMask, DemodulationIsDeterministicAndStepsTheFrequencyLoop) {
-    frequencyCorrection.samplePhaseIncrement = 0.0002;
-    ASSERT_EQ(DemodulateFrame(), 1);
-    EXPECT_NE(frequencyCorrection.samplePhaseIncrement, 0.0002);
-    const std::vector<float> first = Row(1);
-    const FrequencyCorrection after = frequencyCorrection;
-
-    FillFrameCarriers(kSentinel);
-    ASSERT_TRUE(demodtest::SetUpMode(GetParam()));
-    pipeline.frameSamples = 1000;
-    frequencyCorrection.samplePhaseIncrement = 0.0002;
-    ASSERT_EQ(DemodulateFrame(), 1);
-    EXPECT_EQ(Row(1), first);
-    EXPECT_EQ(frequencyCorrection.samplePhase, after.samplePhase);
-    EXPECT_EQ(frequencyCorrection.samplePhaseIncrement, after.samplePhaseIncrement);
 }
 
 // A frame that would run past the end of the history, or a plan that does

@@ -58,7 +58,6 @@ public:
 
     const gen::ModeGeometry& Geometry() const { return modulator_.Geometry(); }
     ConverterClock& Converter() { return converter_; }
-    const gen::ChannelModel& Channel() const { return *channel_; }
 
     // The next `count` bytes (even).
     void Read(uint8_t* out, size_t count);
