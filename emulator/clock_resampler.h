@@ -34,11 +34,12 @@ private:
     // the source ended first.
     bool Fill(SampleSource* source, int64_t last);
 
-    std::vector<uint8_t> input_;   // buffered source bytes (I, Q), from sample `base_`
-    int64_t base_ = 0;             // source sample index of input_[0]
+    std::vector<float> input_;     // buffered source samples, I and Q as byte - 127.5, from sample `base_`
+    std::vector<uint8_t> bytes_;   // one read from the source
+    int64_t base_ = 0;             // source sample index of input_[0]; negative: silence before the start
     int64_t integer_ = 0;          // source sample index of the next output
     double fraction_ = 0.0;        // and its fractional part, [0, 1)
-    std::vector<float> kernel_;    // kPhases + 1 rows of kTaps coefficients
+    std::vector<float> kernel_;    // kPhases + 1 rows of kTaps coefficients, each twice (I, Q)
 };
 
 }  // namespace emu
