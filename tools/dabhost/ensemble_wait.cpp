@@ -1,6 +1,7 @@
 #include "ensemble_wait.h"
 
 #include <cmath>
+#include <cstdio>
 
 bool HasEnsemble(WaitOutcome outcome) {
     return outcome == WaitOutcome::Complete || outcome == WaitOutcome::LabelFound ||
@@ -34,17 +35,27 @@ const char* OutcomeKey(WaitOutcome outcome) {
 }
 
 std::string EnsembleShape(const ficparse::Ensemble& e) {
-    std::string shape = std::to_string(e.idKnown ? int(e.id) : -1) + "|" + e.label.text + "|";
+    std::string shape;
+    char item[64];
+    std::snprintf(item, sizeof item, "%d|", e.idKnown ? int(e.id) : -1);
+    shape += item;
+    shape += e.label.text;
+    shape += '|';
     for (const auto& [sid, s] : e.services) {
-        shape += std::to_string(sid) + (s.label.known ? ":" + s.label.text : std::string(":?"));
-        for (const ficparse::Component& c : s.components)
-            shape += "," + std::to_string(int(c.transport)) + "/" + std::to_string(c.subChannelId) + "/" +
-                     std::to_string(c.packetInfoKnown);
-        shape += ";";
+        std::snprintf(item, sizeof item, "%u:", unsigned(sid));
+        shape += item;
+        shape += s.label.known ? s.label.text : std::string("?");
+        for (const ficparse::Component& c : s.components) {
+            std::snprintf(item, sizeof item, ",%d/%d/%d", int(c.transport), c.subChannelId, int(c.packetInfoKnown));
+            shape += item;
+        }
+        shape += ';';
     }
-    shape += "|";
-    for (const auto& [id, sc] : e.subChannels)
-        shape += std::to_string(id) + "@" + std::to_string(sc.startAddress) + "+" + std::to_string(sc.size) + ";";
+    shape += '|';
+    for (const auto& [id, sc] : e.subChannels) {
+        std::snprintf(item, sizeof item, "%d@%d+%d;", id, sc.startAddress, sc.size);
+        shape += item;
+    }
     return shape;
 }
 
