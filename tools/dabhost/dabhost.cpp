@@ -167,7 +167,10 @@ int RunScan(const HostOptions& options) {
     for (int32_t frequency : options.scanFrequenciesKhz) {
         if (interrupted) break;
         TunedResult result;
-        if (!WatchFrequency(frequency, rule, options, true, parser, &result)) continue;
+        if (!WatchFrequency(frequency, rule, options, true, parser, &result)) {
+            result.frequencyKhz = frequency;
+            result.outcome = WaitOutcome::TuneFailed;
+        }
         if (!options.quiet) std::fprintf(stderr, "%s\n", ScanProgressLine(result).c_str());
         results.push_back(std::move(result));
     }

@@ -17,6 +17,7 @@ const char* OutcomeText(WaitOutcome outcome) {
     case WaitOutcome::NoSignal: return "no DAB signal";
     case WaitOutcome::NoLock: return "no lock";
     case WaitOutcome::NoEnsemble: return "lock but no ensemble label";
+    case WaitOutcome::TuneFailed: return "tuning failed";
     }
     return "unknown";
 }
@@ -30,6 +31,7 @@ const char* OutcomeKey(WaitOutcome outcome) {
     case WaitOutcome::NoSignal: return "noSignal";
     case WaitOutcome::NoLock: return "noLock";
     case WaitOutcome::NoEnsemble: return "noEnsemble";
+    case WaitOutcome::TuneFailed: return "tuneFailed";
     }
     return "unknown";
 }

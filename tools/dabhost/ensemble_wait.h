@@ -22,6 +22,7 @@ enum class WaitOutcome {
     NoSignal,    // the receiver found no DAB signal
     NoLock,      // timeout without lock
     NoEnsemble,  // timeout with lock but without ensemble id and label
+    TuneFailed,  // the receiver refused the frequency (set by the host, not by the wait)
 };
 
 // True for the outcomes that have an ensemble to show.

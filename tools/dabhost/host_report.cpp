@@ -90,7 +90,7 @@ std::string StatusLine(const StatusSnapshot& s) {
 
 std::string TunedResultText(const TunedResult& r) {
     std::string text = FrequencyText(r.frequencyKhz) + ": " + OutcomeText(r.outcome);
-    text += Format(" after %.2f s", r.decidedSeconds);
+    if (r.decidedSeconds >= 0.0) text += Format(" after %.2f s", r.decidedSeconds);
     if (r.lockSeconds >= 0.0) text += Format(" (lock after %.2f s)", r.lockSeconds);
     if (r.fic.mode != 0) text += Format(", mode %s", ModeText(r.fic.mode));
     text += ", quality " + QualityText(r.quality) + "\n";
@@ -119,8 +119,8 @@ std::string TunedResultJson(const TunedResult& r) {
 }
 
 std::string ScanProgressLine(const TunedResult& r) {
-    std::string text = Format("%-18s %s after %.1f s", FrequencyText(r.frequencyKhz).c_str(),
-                              OutcomeText(r.outcome), r.decidedSeconds);
+    std::string text = Format("%-18s %s", FrequencyText(r.frequencyKhz).c_str(), OutcomeText(r.outcome));
+    if (r.decidedSeconds >= 0.0) text += Format(" after %.1f s", r.decidedSeconds);
     if (HasEnsemble(r.outcome))
         text += Format(": 0x%04X \"%s\"", r.ensemble.id, r.ensemble.label.text.c_str());
     return text;
