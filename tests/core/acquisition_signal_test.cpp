@@ -381,6 +381,19 @@ TEST(AcquisitionSweep, SuccessAgainstNoiseAndMultipath) {
             std::printf("  AWGN %2d dB        %s\n", snr, Describe(row).c_str());
             std::fflush(stdout);
         }
+        for (double ppm : {-100.0, 100.0}) {
+            SweepRow row;
+            for (uint64_t seed = 1; seed <= kSeeds; ++seed) {
+                const double cfo = OffsetOfSeed(m, seed + 110);
+                gen::ChannelParams c = Channel(seed + 110, 15.0, cfo, 0.0);
+                c.sampleClockPpm = ppm;
+                test::DabSignal signal(m, c, seed);
+                Record(row, Acquire(signal, m, cfo, kSweepFrames), m);
+            }
+            // |pos| here also counts the drift of the clock against the
+            // nominal frame grid, not only the receiver's error.
+            std::printf("  clock %+4.0f ppm 15 dB %s\n", ppm, Describe(row).c_str());
+        }
         for (const char* profile : {"urban", "sfn-long"}) {
             for (int snr : {10, 20}) {
                 SweepRow row;
