@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <string>
 #include <thread>
 
 #include "mvxdab.h"
@@ -64,10 +65,12 @@ TEST_F(ApiLifecycle, NoiseGivesNoSignalWithinASecondAndCloseIsQuick) {
     int32_t b = 0;
     ASSERT_EQ(MVDAB_GetFreqAndBW(&f, &b), 1);
     EXPECT_EQ(f, 227360);
-    // 7 IqFrames of search take 411 ms of samples.
-    const double decided = WaitForPresent(-1, 2.0);
+    // 7 IqFrames of search take 411 ms of samples; about a second with the
+    // start of the stream. The bound is loose for loaded or sanitized runs.
+    const double decided = WaitForPresent(-1, 4.0);
     ASSERT_GE(decided, 0.0) << "signalPresent never reached -1";
-    EXPECT_LT(decided, 1.2);
+    EXPECT_LT(decided, 3.0);
+    RecordProperty("seconds_to_no_signal", std::to_string(decided));
     int32_t locked = 77;
     EXPECT_EQ(MVDAB_GetSignalLock(&locked), 1);
     EXPECT_EQ(locked, 0);
@@ -76,13 +79,15 @@ TEST_F(ApiLifecycle, NoiseGivesNoSignalWithinASecondAndCloseIsQuick) {
     EXPECT_EQ(Present(), -1);
     const Clock::time_point start = Clock::now();
     EXPECT_EQ(MVDAB_CloseDevice(), 1);
-    EXPECT_LT(SecondsSince(start), 1.1);
+    const double closing = SecondsSince(start);
+    EXPECT_LT(closing, 2.0) << "the longest wait of a thread is 1 s";
+    RecordProperty("close_seconds", std::to_string(closing));
     EXPECT_EQ(MVDAB_CloseDevice(), 1) << "a second close is harmless";
 }
 
 TEST_F(ApiLifecycle, StopAndStart) {
     ASSERT_EQ(MVDAB_SetFreqAndBW(227360), 1);
-    ASSERT_GE(WaitForPresent(-1, 2.0), 0.0);
+    ASSERT_GE(WaitForPresent(-1, 4.0), 0.0);
     EXPECT_EQ(MVDAB_Stop(), 1);
     EXPECT_EQ(MVDAB_Stop(), 1);
     int32_t f = 77;
@@ -94,7 +99,7 @@ TEST_F(ApiLifecycle, StopAndStart) {
     // Tuning after a stop brings the samples back by itself.
     EXPECT_EQ(MVDAB_Stop(), 1);
     ASSERT_EQ(MVDAB_SetFreqAndBW(227360), 1);
-    EXPECT_GE(WaitForPresent(-1, 2.0), 0.0);
+    EXPECT_GE(WaitForPresent(-1, 4.0), 0.0);
 }
 
 TEST_F(ApiLifecycle, ReopenAfterCloseWorks) {
