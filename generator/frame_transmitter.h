@@ -30,7 +30,7 @@ public:
     // DataBitsPerFrame() channel bits, laid out as in frame_bits.h.
     using FrameObserver = std::function<void(uint64_t frame, const std::vector<uint8_t>& bits)>;
 
-    // `mode` 1..4; `source` must deliver that mode's frames.
+    // `mode` 1..4; `source` (not null) must deliver that mode's frames.
     FrameTransmitter(std::unique_ptr<FrameBitSource> source, int mode);
 
     // Next `count` samples of the stream.
@@ -60,7 +60,7 @@ private:
 };
 
 // Pseudo-random channel bits of `mode` (a valid OFDM signal, no decodable
-// multiplex): the "random" ensemble preset.
+// multiplex): the "random" ensemble preset. nullptr for a mode outside 1..4.
 std::unique_ptr<FrameBitSource> MakeRandomFrameBits(int mode, uint64_t seed);
 
 }  // namespace gen

@@ -3,6 +3,7 @@
 #include <array>
 #include <cmath>
 #include <cstring>
+#include <numbers>
 
 namespace gen {
 namespace {
@@ -105,7 +106,7 @@ OfdmModulator::OfdmModulator(int mode) : geometry_(gen::Geometry(mode)) {
     bins_.resize(static_cast<size_t>(n));
     twiddles_.resize(static_cast<size_t>(n / 2));
     for (int m = 0; m < n / 2; ++m) {
-        const double a = 2.0 * M_PI * m / n;
+        const double a = 2.0 * std::numbers::pi * m / n;
         twiddles_[static_cast<size_t>(m)] = {std::cos(a), std::sin(a)};
     }
     int log2n = 0;
@@ -162,7 +163,7 @@ void OfdmModulator::ModulateFrame(const uint8_t* bits, std::complex<float>* out)
     // is exact and carriers stay at magnitude 1 however long the frame.
     for (int s = 0; s < k; ++s) phase_[static_cast<size_t>(s)] = static_cast<uint8_t>(2 * t.phaseReference[static_cast<size_t>(s)]);
 
-    for (int l = 1; l < g.symbolsPerFrame + 1; ++l) {
+    for (int l = 1; l <= g.symbolsPerFrame; ++l) {
         if (l >= 2) {
             const uint8_t* p = bits + static_cast<size_t>(l - 2) * static_cast<size_t>(2 * k);
             for (int q = 0; q < k; ++q) {

@@ -5,6 +5,7 @@
 
 #include <cmath>
 #include <complex>
+#include <numbers>
 #include <random>
 #include <vector>
 
@@ -50,7 +51,7 @@ TEST(OfdmModulator, EveryBitComesBackInEveryMode) {
         double maxError = 0;
         for (int k = -g.fftSize / 2; k < g.fftSize / 2; ++k) {
             const int q = gen::PhaseReferenceQuarterTurns(mode, k);
-            const cd want = q < 0 ? cd(0, 0) : std::polar(unit, M_PI / 2 * q);
+            const cd want = q < 0 ? cd(0, 0) : std::polar(unit, std::numbers::pi / 2 * q);
             maxError = std::max(maxError, std::abs(demod.Bin(ref, k) - want) / unit);
         }
         EXPECT_LT(maxError, 1e-5);

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cmath>
 #include <complex>
+#include <numbers>
 #include <cstdint>
 #include <vector>
 
@@ -30,7 +31,7 @@ inline void Dft(std::vector<cd>& x) {
     Dft(even);
     Dft(odd);
     for (size_t k = 0; k < n / 2; ++k) {
-        const cd t = std::polar(1.0, -2.0 * M_PI * static_cast<double>(k) / static_cast<double>(n)) * odd[k];
+        const cd t = std::polar(1.0, -2.0 * std::numbers::pi * static_cast<double>(k) / static_cast<double>(n)) * odd[k];
         x[k] = even[k] + t;
         x[k + n / 2] = even[k] - t;
     }

@@ -132,8 +132,11 @@ TEST(RefereeWelle, DecodesTheDefaultEnsemble) {
 
     EXPECT_NE(log.find(description.label), std::string::npos) << "ensemble label not reported";
     // A data service with a 32-bit id is sent without a label.
-    for (const auto& s : description.services)
-        if (!s.label.empty() && s.sid <= 0xFFFF) EXPECT_NE(log.find(s.label), std::string::npos) << s.label << " not listed";
+    for (const auto& s : description.services) {
+        if (!s.label.empty() && s.sid <= 0xFFFF) {
+            EXPECT_NE(log.find(s.label), std::string::npos) << s.label << " not listed";
+        }
+    }
     // What welle-cli said about the ensemble, once per line.
     std::set<std::string> said;
     for (size_t at = 0; at < log.size();) {
