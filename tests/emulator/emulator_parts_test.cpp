@@ -15,7 +15,6 @@
 #include "emulator/fault_plan.h"
 #include "emulator/register_file.h"
 #include "emulator/sample_sources.h"
-#include "emulator/sample_stream.h"
 
 namespace emu {
 namespace {
@@ -33,31 +32,14 @@ TEST(EmulatorSettings, SourcePlans) {
     EXPECT_EQ(p.generatedByFrequency.size(), 3u);
 
     ASSERT_EQ(ParseSourcePlan("perfreq:/d", "", &p, &error), 1);
-    EXPECT_EQ(p.kind, SourceKind::PerFrequency);
     EXPECT_EQ(p.path, "/d");
     ASSERT_EQ(ParseSourcePlan("perfreq:227360=/a.u8,222064=/b.u8", "", &p, &error), 1);
     EXPECT_TRUE(p.path.empty());
     EXPECT_EQ(p.filesByFrequency[222064], "/b.u8");
-    ASSERT_EQ(ParseSourcePlan("generated:mode=2,snr=9", "", &p, &error), 1);
-    EXPECT_EQ(p.description, "mode=2,snr=9");
-    ASSERT_EQ(ParseSourcePlan("file:/x.u8", "", &p, &error), 1);
-    EXPECT_EQ(p.kind, SourceKind::File);
-
     for (const char* bad : {"file:", "perfreq:", "perfreq:12.5=/a", "radio", "perfreq:abc=/a"}) {
         EXPECT_EQ(ParseSourcePlan(bad, "", &p, &error), 0) << bad;
     }
     EXPECT_EQ(ParseSourcePlan("noise", "227360", &p, &error), 0);
-}
-
-TEST(EmulatorSettings, ClockErrorIsTakenOutOfDescriptions) {
-    std::string rest;
-    double ppm = 1.0;
-    ASSERT_EQ(SplitClockError("preset=default,ppm=-12.5,snr=10", &rest, &ppm), 1);
-    EXPECT_EQ(rest, "preset=default,snr=10");
-    EXPECT_DOUBLE_EQ(ppm, -12.5);
-    ASSERT_EQ(SplitClockError("mode=3", &rest, &ppm), 1);
-    EXPECT_EQ(ppm, 0.0);
-    EXPECT_EQ(SplitClockError("ppm=fast", &rest, &ppm), 0);
 }
 
 TEST(EmulatorFaults, ParsingAndRegisterFaults) {
@@ -230,22 +212,6 @@ double ToneErrorDb(const std::vector<uint8_t>& bytes, double cycles, double ppm,
     return 10.0 * std::log10(error / power);
 }
 
-TEST(EmulatorClock, ZeroErrorPassesBytesThrough) {
-    NoiseSource noise(3, 30.0);
-    NoiseSource copy(3, 30.0);
-    ClockResampler r;
-    std::vector<uint8_t> got(20000), want(20000);
-    size_t done = 0;
-    for (size_t block : {1000u, 3333u, 5667u}) {
-        ASSERT_EQ(r.Produce(&noise, 0.0, got.data() + done * 2, block), block);
-        done += block;
-    }
-    copy.Read(want.data(), done * 2);
-    got.resize(done * 2);
-    want.resize(done * 2);
-    EXPECT_EQ(got, want);
-}
-
 TEST(EmulatorClock, ResamplesAccuratelyAcrossTheBand) {
     // Tones inside the DAB band (up to 0.375 cycles per sample), at clock
     // errors of both signs and a large one, in blocks as the stream asks.
@@ -269,23 +235,6 @@ TEST(EmulatorClock, ResamplesAccuratelyAcrossTheBand) {
             }
         }
     }
-}
-
-TEST(EmulatorStream, TransferSizesVaryBelowAnIqFrame) {
-    uint32_t state = 1;
-    int32_t smallest = 1 << 30;
-    int32_t largest = 0;
-    for (int i = 0; i < 5000; ++i) {
-        const int32_t s = NextTransferSize(&state);
-        ASSERT_EQ(s % 2, 0);
-        smallest = std::min(smallest, s);
-        largest = std::max(largest, s);
-    }
-    EXPECT_GE(smallest, 4096);
-    EXPECT_LT(smallest, 6000);
-    EXPECT_LE(largest, 65536);
-    EXPECT_GT(largest, 60000);
-    EXPECT_LT(largest, kIqFrameBytes);
 }
 
 }  // namespace
