@@ -81,6 +81,9 @@ int32_t SampleStream::Read(uint8_t* buffer, int32_t capacity) {
     head_ = (head_ + n) % cap;
     size_ -= n;
     if (n > 0) wake_.notify_all();
+    // More than one read's worth was held: signal again, so that the rest
+    // is fetched even if no further transfer comes (a source at its end).
+    if (size_ > 0 && eventFd_ >= 0) Signal();
     return int32_t(n);
 }
 
