@@ -13,7 +13,7 @@ const char* OutcomeText(WaitOutcome outcome) {
     case WaitOutcome::Waiting: return "waiting";
     case WaitOutcome::Complete: return "ensemble complete";
     case WaitOutcome::LabelFound: return "ensemble found";
-    case WaitOutcome::Partial: return "ensemble incomplete at timeout";
+    case WaitOutcome::Partial: return "ensemble incomplete";
     case WaitOutcome::NoSignal: return "no DAB signal";
     case WaitOutcome::NoLock: return "no lock";
     case WaitOutcome::NoEnsemble: return "lock but no ensemble label";
@@ -108,7 +108,8 @@ WaitOutcome EnsembleWait::Decide(const WaitPoll& poll, const ficparse::Ensemble&
 }
 
 WaitOutcome EnsembleWait::EndOutcome(const ficparse::Ensemble& e) const {
-    if (e.idKnown && e.label.known) return WaitOutcome::Partial;
+    // At the end a complete picture counts even if it never settled.
+    if (e.idKnown && e.label.known) return e.Complete() ? WaitOutcome::Complete : WaitOutcome::Partial;
     return lockAt_ >= 0.0 ? WaitOutcome::NoEnsemble : WaitOutcome::NoLock;
 }
 

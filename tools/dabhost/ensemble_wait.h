@@ -18,7 +18,7 @@ enum class WaitOutcome {
     Waiting,     // nothing decided yet
     Complete,    // every service labelled and all sub-channels known, settled
     LabelFound,  // ensemble id and label known (enough for a scan)
-    Partial,     // timeout with ensemble id and label, but parts missing
+    Partial,     // timeout (or interrupt) with ensemble id and label, but parts missing
     NoSignal,    // the receiver found no DAB signal
     NoLock,      // timeout without lock
     NoEnsemble,  // timeout with lock but without ensemble id and label

@@ -119,6 +119,10 @@ TEST(EnsembleWait, StopDecidesAsATimeoutWould) {
     EXPECT_EQ(wait.Update(Locked(0.3, 2), Parsed(true, false)), WaitOutcome::Waiting);
     EXPECT_EQ(wait.Stop(0.4, Parsed(true, false)), WaitOutcome::Partial);
     EXPECT_DOUBLE_EQ(wait.decidedSeconds(), 0.4);
+    // Complete but not yet settled counts as complete at the end.
+    EnsembleWait unsettled(WaitRule{});
+    EXPECT_EQ(unsettled.Update(Locked(0.3, 2), Parsed(true, true)), WaitOutcome::Waiting);
+    EXPECT_EQ(unsettled.Stop(0.4, Parsed(true, true)), WaitOutcome::Complete);
 }
 
 TEST(EnsembleWait, ShapeIgnoresTheCifCountButNotLabels) {
