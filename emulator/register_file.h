@@ -8,8 +8,8 @@
 //
 // Registers with an effect:
 //   page 1, 0x3E..0x3F  sample-rate offset, 14-bit two's complement, high byte
-//                       first, ppm x 2^24 / 10^6: a correction of the sample
-//                       clock that the converter applies (see ClockResampler)
+//                       first, ppm x 2^24 / 10^6: added to the rate of the
+//                       converter's sample clock (see ClockResampler)
 //   page 1, 0x01 bit 2  soft reset, counted on its falling edge
 //   system 4, 3, 1 bit 2: the good-reception line is an output when bit 2 of
 //                       addr 4 is clear and bit 2 of addr 3 set; its level is
@@ -38,7 +38,7 @@ public:
     int32_t ReadSystem(int32_t addr, int32_t count, uint8_t* buffer);
     int32_t WriteSystem(int32_t addr, int32_t count, const uint8_t* buffer);
 
-    // The sample-rate offset register as a clock correction, ppm.
+    // The sample-rate offset register, ppm added to the converter's clock rate.
     double SampleRateCorrectionPpm();
     // Level of the good-reception line, 0 or 1.
     int32_t GoodReceptionLine();

@@ -135,12 +135,15 @@ int32_t SampleStream::Produce(uint8_t* out, int32_t bytes) {
         done = n;
     }
     if (done < samples && current_.source != nullptr && !ended_) {
+        // The register adjusts the converter's rate: a negative value slows a
+        // clock that runs fast, so the receiver writes minus the error it
+        // measured.
         const double correction = registers_->SampleRateCorrectionPpm();
         if (settings_.verbose && correction != lastCorrection_)
-            std::fprintf(stderr, "emulator: sample-rate correction %+.2f ppm, clock error of %s now %+.2f ppm\n",
-                         correction, current_.name.c_str(), current_.clockPpm - correction);
+            std::fprintf(stderr, "emulator: sample-rate offset %+.2f ppm, clock error of %s now %+.2f ppm\n",
+                         correction, current_.name.c_str(), current_.clockPpm + correction);
         lastCorrection_ = correction;
-        const double ppm = current_.clockPpm - correction;
+        const double ppm = current_.clockPpm + correction;
         const size_t got = resampler_.Produce(current_.source.get(), ppm, out + done * kBytesPerSample,
                                               samples - done);
         done += got;

@@ -1,5 +1,6 @@
-# Checks that the receiver library exports the MVDAB_ functions and nothing
-# else. Run as: cmake -DLIBRARY=<path of libMVXDAB.so> -P exported_symbols.cmake
+# Checks that a shared library exports COUNT functions named PREFIX... and
+# nothing else. Run as:
+#   cmake -DLIBRARY=<path of the .so> -DPREFIX=MVDAB_ -DCOUNT=20 -P exported_symbols.cmake
 execute_process(COMMAND nm -D --defined-only "${LIBRARY}"
                 OUTPUT_VARIABLE symbols RESULT_VARIABLE status)
 if(NOT status EQUAL 0)
@@ -16,12 +17,12 @@ foreach(line IN LISTS lines)
   if(name MATCHES "^(_init|_fini|_edata|_end|__bss_start)$")
     continue()
   endif()
-  if(NOT name MATCHES "^MVDAB_")
+  if(NOT name MATCHES "^${PREFIX}")
     message(FATAL_ERROR "exported symbol that is not part of the interface: ${name}")
   endif()
   math(EXPR count "${count} + 1")
 endforeach()
-if(NOT count EQUAL 20)
-  message(FATAL_ERROR "expected the 20 MVDAB_ functions, found ${count}")
+if(NOT count EQUAL COUNT)
+  message(FATAL_ERROR "expected the ${COUNT} ${PREFIX} functions, found ${count}")
 endif()
-message(STATUS "${count} MVDAB_ functions exported, nothing else")
+message(STATUS "${count} ${PREFIX} functions exported, nothing else")

@@ -248,8 +248,8 @@ double ToneFrequency(const std::vector<uint8_t>& bytes) {
 
 TEST(EmulatorDevice, SampleRateRegisterCorrectsTheClockError) {
     // A tone of 0.1 cycles per sample; a device clock 200 ppm fast makes it
-    // 0.1 / (1 + 200e-6) cycles per sample. Writing the learned error into
-    // the sample-rate register takes that away.
+    // 0.1 / (1 + 200e-6) cycles per sample. Writing minus that error into
+    // the sample-rate register takes it away.
     const std::string dir = TempDirectory();
     const std::string path = dir + "/tone.u8";
     std::vector<uint8_t> tone(2 * 100000);
@@ -275,7 +275,7 @@ TEST(EmulatorDevice, SampleRateRegisterCorrectsTheClockError) {
     };
     const double uncorrected = measure();
     EXPECT_NEAR((0.1 / uncorrected - 1.0) * 1.0e6, 200.0, 1.0);
-    uint8_t code[2] = {0x0D, 0x1B};  // floor(200 x 16.777216) = 3355
+    uint8_t code[2] = {0x32, 0xE4};  // floor(-200 x 16.777216) = -3356, 14-bit two's complement
     ASSERT_EQ(MVA_Demod_Byte_Write(1, 0x3E, 2, code), 1);
     const double corrected = measure();
     EXPECT_NEAR((0.1 / corrected - 1.0) * 1.0e6, 0.0, 1.0);
