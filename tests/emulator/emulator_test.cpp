@@ -1,0 +1,489 @@
+// The emulated device: its parts on their own (configuration texts, faults,
+// registers, noise, files and the clock resampler) and its entry points as a
+// receiver drives them (streaming and the event, tuning between per-frequency
+// sources, settling noise, overflow, the stream-stop fault and the
+// sample-clock register).
+#include <gtest/gtest.h>
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cmath>
+#include <complex>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <tuple>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "device/device_interface.h"
+#include "emulator/clock_resampler.h"
+#include "emulator/emulator_settings.h"
+#include "emulator/fault_plan.h"
+#include "emulator/register_file.h"
+#include "emulator/sample_sources.h"
+
+extern "C" {
+int32_t MVA_BDAFilterInit(int32_t);
+int32_t MVA_BDAFilterRelease(int32_t);
+int32_t MVA_SetDABEventHandle(MVA_EventHandle*);
+int32_t MVA_ReleaseDABEventHandle(MVA_EventHandle*);
+int32_t MVA_GetData(uint8_t*, int32_t, int32_t*, int32_t*);
+int32_t MVA_Get_TunerType(int32_t*);
+int32_t MVA_Set_Frequency(int32_t);
+int32_t MVA_Set_Bandwidth(int32_t);
+int32_t MVA_DeviceUpdate(void);
+int32_t MVA_Demod_Byte_Read(int32_t, int32_t, int32_t, uint8_t*);
+int32_t MVA_Demod_Byte_Write(int32_t, int32_t, int32_t, uint8_t*);
+}
+
+namespace emu {
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+// Sets the MVC900_* variables of one test and clears all others it knows.
+void Configure(std::initializer_list<std::pair<const char*, std::string>> values) {
+    for (const char* name : {"MVC900_SOURCE", "MVC900_GENERATED", "MVC900_LOOP", "MVC900_SPEED", "MVC900_TUNER_TYPE",
+                             "MVC900_CLOCK_PPM", "MVC900_SETTLE_MS", "MVC900_FIFO_KB", "MVC900_FAULT",
+                             "MVC900_VERBOSE", "MVC900_NOISE_RMS", "MVC900_SEED"})
+        unsetenv(name);
+    for (const auto& [name, value] : values) setenv(name, value.c_str(), 1);
+}
+
+// An open, streaming device with the receiver's side of the event.
+class Device {
+public:
+    Device() {
+        opened_ = MVA_BDAFilterInit(0) == 1;
+        if (opened_) streaming_ = MVA_SetDABEventHandle(&event_) == 1;
+    }
+    ~Device() {
+        if (streaming_) MVA_ReleaseDABEventHandle(&event_);
+        if (opened_) MVA_BDAFilterRelease(0);
+        close(int(event_));
+    }
+    bool ready() const { return opened_ && streaming_; }
+    int32_t Tune(int32_t khz) {
+        return MVA_Set_Frequency(khz) == 1 && MVA_Set_Bandwidth(6) == 1 ? MVA_DeviceUpdate() : 0;
+    }
+    // Waits for the event without reading data; false on timeout.
+    bool WaitForSignal(int timeoutMs) {
+        pollfd p{int(event_), POLLIN, 0};
+        uint64_t count = 0;
+        return poll(&p, 1, timeoutMs) > 0 && read(int(event_), &count, sizeof count) == sizeof count;
+    }
+    // One read, its bytes appended to `out`; the count.
+    int32_t ReadNow(Bytes* out) {
+        Bytes buffer(MVA_READ_CAPACITY);
+        int32_t n = -7;
+        int32_t reserved = 0;
+        MVA_GetData(buffer.data(), MVA_READ_CAPACITY, &n, &reserved);
+        if (n > 0) out->insert(out->end(), buffer.begin(), buffer.begin() + n);
+        return n;
+    }
+    // Waits for the event and reads once, as the capture thread does; -1 on timeout.
+    int32_t WaitAndRead(Bytes* out, int timeoutMs = 500) { return WaitForSignal(timeoutMs) ? ReadNow(out) : -1; }
+    // Reads until `bytes` are together (or a timeout).
+    Bytes Collect(size_t bytes) {
+        Bytes out;
+        while (out.size() < bytes && WaitAndRead(&out) >= 0) {
+        }
+        return out;
+    }
+
+private:
+    bool opened_ = false;
+    bool streaming_ = false;
+    MVA_EventHandle event_ = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+};
+
+// Tests with files of samples in a temporary directory.
+class EmulatorFiles : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char name[] = "/tmp/emulator_band_XXXXXX";
+        dir_ = mkdtemp(name);
+    }
+    void TearDown() override { std::filesystem::remove_all(dir_); }
+    std::string Write(const std::string& name, const Bytes& bytes) {
+        std::ofstream(dir_ + "/" + name, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+        return dir_ + "/" + name;
+    }
+    std::string dir_;
+};
+
+// Bytes from `from` on that are 0x10 or 0xF0, the values of the test files.
+size_t FileBytes(const Bytes& bytes, size_t from) {
+    size_t n = 0;
+    for (size_t i = from; i < bytes.size(); ++i) n += bytes[i] == 0x10 || bytes[i] == 0xF0;
+    return n;
+}
+
+TEST(EmulatorSettings, SourcePlans) {
+    SourcePlan p;
+    std::string error;
+    ASSERT_EQ(ParseSourcePlan("generated-default", "", &p, &error), 1);
+    EXPECT_EQ(p.kind, SourceKind::Noise);
+    ASSERT_EQ(p.generatedByFrequency.count(227360), 1u);
+    EXPECT_EQ(p.generatedByFrequency.size(), 2u);
+    // Per-frequency descriptions replace the built-in entry of the same frequency.
+    ASSERT_EQ(ParseSourcePlan("generated-default", "227360=preset=default,mode=2; 1000=x", &p, &error), 1);
+    EXPECT_EQ(p.generatedByFrequency[227360], "preset=default,mode=2");
+    EXPECT_EQ(p.generatedByFrequency.size(), 3u);
+
+    ASSERT_EQ(ParseSourcePlan("perfreq:/d", "", &p, &error), 1);
+    EXPECT_EQ(p.path, "/d");
+    ASSERT_EQ(ParseSourcePlan("perfreq:227360=/a.u8,222064=/b.u8", "", &p, &error), 1);
+    EXPECT_TRUE(p.path.empty());
+    EXPECT_EQ(p.filesByFrequency[222064], "/b.u8");
+    for (const char* bad : {"file:", "perfreq:", "perfreq:12.5=/a", "radio", "perfreq:abc=/a"}) {
+        EXPECT_EQ(ParseSourcePlan(bad, "", &p, &error), 0) << bad;
+    }
+    EXPECT_EQ(ParseSourcePlan("noise", "227360", &p, &error), 0);
+}
+
+TEST(EmulatorFaults, ParsingAndRegisterFaults) {
+    FaultPlan f;
+    std::string error;
+    ASSERT_EQ(ParseFaultPlan("no-device, update-after=2,demod-write=1:3E,sys-read=0x04,sys-write-after=1,stream-stop=100",
+                             &f, &error),
+              1)
+        << error;
+    EXPECT_TRUE(f.noDevice);
+    EXPECT_EQ(f.streamStopBytes, 100);
+    EXPECT_FALSE(f.deviceUpdate.Fails());
+    EXPECT_FALSE(f.deviceUpdate.Fails());
+    EXPECT_TRUE(f.deviceUpdate.Fails());
+    // An address fault hits any access whose range covers the register; the
+    // system writes fail from the second on.
+    using K = RegisterAccessKind;
+    const std::tuple<K, int32_t, int32_t, int32_t, bool> accesses[] = {
+        {K::DemodWrite, 1, 0x3E, 1, true}, {K::DemodWrite, 1, 0x3C, 4, true}, {K::DemodWrite, 1, 0x3F, 1, false},
+        {K::DemodWrite, 0, 0x3E, 1, false}, {K::DemodRead, 1, 0x3E, 1, false}, {K::SysRead, -1, 4, 1, true},
+        {K::SysWrite, -1, 1, 1, false},     {K::SysWrite, -1, 1, 1, true}};
+    for (const auto& [kind, page, addr, count, fails] : accesses) {
+        EXPECT_EQ(RegisterAccessFails(&f, kind, page, addr, count), fails) << int(kind) << " " << page << " " << addr;
+    }
+
+    for (const char* bad : {"explode", "update-after=x", "demod-read=2:10", "demod-read=1:100", "sys-write=1:02"}) {
+        FaultPlan g;
+        EXPECT_EQ(ParseFaultPlan(bad, &g, &error), 0) << bad;
+    }
+    // A bad item doesn't cost the others.
+    FaultPlan g;
+    error.clear();
+    EXPECT_EQ(ParseFaultPlan("explode,tuner-type", &g, &error), 0);
+    EXPECT_TRUE(g.tunerType);
+    EXPECT_NE(error.find("explode"), std::string::npos);
+}
+
+TEST(EmulatorRegisters, ResetStateRangesAndLine) {
+    RegisterFile r;
+    uint8_t b[4] = {9, 9, 9, 9};
+    ASSERT_EQ(r.ReadDemod(1, 0x3E, 2, b), 1);
+    EXPECT_EQ(b[0], 0);
+    EXPECT_EQ(b[1], 0);
+    ASSERT_EQ(r.ReadSystem(4, 1, b), 1);
+    EXPECT_EQ(b[0], 0x04);
+    EXPECT_EQ(r.ReadDemod(2, 0, 1, b), 0);
+    EXPECT_EQ(r.ReadDemod(0, 255, 2, b), 0);
+    EXPECT_EQ(r.WriteDemod(0, -1, 1, b), 0);
+    EXPECT_EQ(r.ReadSystem(0, 0, b), 0);
+    EXPECT_EQ(r.ReadDemod(0, 0, 1, nullptr), 0);
+    EXPECT_EQ(r.ReadDemod(0, 0xFC, 4, b), 1);
+
+    // The line (bit 2) drives only once it is configured as an output: system
+    // register, value written, line after the write.
+    for (const auto& [addr, value, line] : {std::tuple{1, 0x04, 0}, {4, 0x00, 0}, {3, 0x04, 1}, {1, 0x00, 0}}) {
+        const uint8_t byte = uint8_t(value);
+        ASSERT_EQ(r.WriteSystem(addr, 1, &byte), 1);
+        EXPECT_EQ(r.GoodReceptionLine(), line) << addr << " " << value;
+    }
+
+    // Soft reset: counted on the falling edge of bit 2 of page 1, 0x01.
+    const uint8_t set = 0x05;
+    const uint8_t clear = 0x01;
+    r.WriteDemod(1, 0x01, 1, &set);
+    EXPECT_EQ(r.SoftResets(), 0);
+    r.WriteDemod(1, 0x01, 1, &clear);
+    EXPECT_EQ(r.SoftResets(), 1);
+    r.Reset();
+    EXPECT_EQ(r.SoftResets(), 0);
+    EXPECT_EQ(r.GoodReceptionLine(), 0);
+}
+
+TEST(EmulatorRegisters, SampleRateCode) {
+    EXPECT_DOUBLE_EQ(SampleRateCodeToPpm(0x3F, 0xFF), -1.0e6 / 16777216.0);
+    EXPECT_DOUBLE_EQ(SampleRateCodeToPpm(0x20, 0x00), -8192.0e6 / 16777216.0);
+    EXPECT_DOUBLE_EQ(SampleRateCodeToPpm(0x1F, 0xFF), 8191.0e6 / 16777216.0);
+    EXPECT_DOUBLE_EQ(SampleRateCodeToPpm(0xC0, 0x10), 16.0e6 / 16777216.0) << "top bits are not part of the code";
+}
+
+TEST(EmulatorSources, NoiseIsSeededGaussianAroundTheMiddle) {
+    auto noise = [](uint32_t seed) {
+        Bytes x(400000);
+        NoiseSource(seed, 20.0).Read(x.data(), x.size());
+        return x;
+    };
+    const Bytes x = noise(7);
+    EXPECT_EQ(x, noise(7));
+    EXPECT_NE(x, noise(8));
+    double sum = 0.0, squares = 0.0, correlation = 0.0;
+    for (size_t i = 0; i < x.size(); ++i) {
+        const double v = x[i] - 127.5;
+        sum += v;
+        squares += v * v;
+        if (i + 1 < x.size()) correlation += v * (x[i + 1] - 127.5);
+    }
+    const double n = double(x.size());
+    EXPECT_NEAR(sum / n, 0.0, 0.2);
+    // Rounding to bytes adds 1/12 to the variance.
+    EXPECT_NEAR(std::sqrt(squares / n), std::sqrt(400.0 + 1.0 / 12.0), 0.2);
+    EXPECT_NEAR(correlation / squares, 0.0, 0.01) << "I and Q are independent";
+}
+
+// A source of a complex tone, `cycles` per sample.
+class ToneSource : public SampleSource {
+public:
+    ToneSource(double cycles, double amplitude) : cycles_(cycles), amplitude_(amplitude) {}
+    size_t Read(uint8_t* out, size_t count) override {
+        for (size_t i = 0; i < count / 2; ++i, ++n_) {
+            const double phase = 2.0 * M_PI * cycles_ * double(n_);
+            out[2 * i] = uint8_t(std::lround(127.5 + amplitude_ * std::cos(phase)));
+            out[2 * i + 1] = uint8_t(std::lround(127.5 + amplitude_ * std::sin(phase)));
+        }
+        return count & ~size_t(1);
+    }
+
+private:
+    double cycles_;
+    double amplitude_;
+    int64_t n_ = 0;
+};
+
+// Error power of `bytes` against the tone at times n / (1 + ppm 1e-6),
+// relative to the tone's power, in dB.
+double ToneErrorDb(const Bytes& bytes, double cycles, double ppm, size_t skip) {
+    double error = 0.0, power = 0.0;
+    for (size_t n = skip; n < bytes.size() / 2; ++n) {
+        const double t = double(n) / (1.0 + ppm * 1.0e-6);
+        const std::complex<double> want = 60.0 * std::polar(1.0, 2.0 * M_PI * cycles * t);
+        const std::complex<double> got(bytes[2 * n] - 127.5, bytes[2 * n + 1] - 127.5);
+        error += std::norm(got - want);
+        power += std::norm(want);
+    }
+    return 10.0 * std::log10(error / power);
+}
+
+TEST(EmulatorClock, ResamplesAccuratelyAcrossTheBand) {
+    // Tones inside the DAB band (up to 0.375 cycles per sample), at clock
+    // errors of both signs and a large one, in blocks as the stream asks.
+    for (double cycles : {0.01, 0.2, -0.37}) {
+        for (double ppm : {150.0, -40.0, 3000.0}) {
+            ToneSource tone(cycles, 60.0);
+            ClockResampler r;
+            Bytes out(2 * 60000);
+            for (size_t done = 0, block = 0; done < 60000; done += block) {
+                block = std::min<size_t>(60000 - done, 7001);
+                ASSERT_EQ(r.Produce(&tone, ppm, out.data() + done * 2, block), block);
+            }
+            // Rounding to bytes on the way in and out alone gives about -40 dB
+            // at this amplitude.
+            EXPECT_LT(ToneErrorDb(out, cycles, ppm, 16), -38.5) << cycles << " cycles, " << ppm << " ppm";
+            // Without the clock error modelled the drift would show.
+            if (std::abs(ppm) >= 150.0) {
+                EXPECT_GT(ToneErrorDb(out, cycles, 0.0, 16), -30.0);
+            }
+        }
+    }
+}
+
+TEST_F(EmulatorFiles, FileLoopsOrEndsAndNeverSplitsASample) {
+    const std::string path = Write("five.u8", {1, 2, 3, 4, 5});
+    std::string error;
+    std::unique_ptr<FileSource> loop = FileSource::Open(path, true, &error);
+    ASSERT_NE(loop, nullptr) << error;
+    Bytes out(10, 0);
+    EXPECT_EQ(loop->Read(out.data(), 10), 10u);
+    EXPECT_EQ(out, (Bytes{1, 2, 3, 4, 1, 2, 3, 4, 1, 2}));
+    std::unique_ptr<FileSource> once = FileSource::Open(path, false, &error);
+    EXPECT_EQ(once->Read(out.data(), 10), 4u);
+    EXPECT_EQ(once->Read(out.data(), 10), 0u);
+    EXPECT_EQ(FileSource::Open(dir_ + "/missing.u8", true, &error), nullptr);
+    EXPECT_EQ(FileSource::Open(Write("one.u8", {1}), true, &error), nullptr);
+}
+
+TEST(EmulatorDevice, StreamsPacedTransfersBelowAnIqFrame) {
+    Configure({{"MVC900_SOURCE", "noise"}});
+    Device d;
+    ASSERT_TRUE(d.ready());
+    int32_t type = 0;
+    EXPECT_EQ(MVA_Get_TunerType(&type), 1);
+    EXPECT_EQ(type, 1);
+    Bytes bytes;
+    const auto start = std::chrono::steady_clock::now();
+    int32_t reads = 0;
+    while (bytes.size() < 409600) {  // 100 ms of samples
+        const int32_t n = d.WaitAndRead(&bytes);
+        ASSERT_GE(n, 0) << "event not signalled";
+        EXPECT_EQ(n % 2, 0);
+        EXPECT_LT(n, 240640) << "below an IqFrame";
+        ++reads;
+    }
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    EXPECT_GT(seconds, 0.07) << "real-time pacing";
+    EXPECT_LT(seconds, 2.0);
+    EXPECT_GE(reads, 4);
+}
+
+TEST_F(EmulatorFiles, TuningSwitchesPerFrequencyFilesAfterSettlingNoise) {
+    Write("227360.u8", Bytes(1 << 20, 0x10));
+    Write("222064.u8", Bytes(1 << 20, 0xF0));
+    Configure({{"MVC900_SOURCE", "perfreq:" + dir_}, {"MVC900_SPEED", "0"}, {"MVC900_SETTLE_MS", "5"},
+               {"MVC900_FIFO_KB", "256"}});
+    Device d;
+    ASSERT_TRUE(d.ready());
+    const size_t settle = 2 * 10240;  // 5 ms of samples
+    const size_t buffered = 256 * 1024;
+    for (const auto& [khz, value] : {std::pair{227360, 0x10}, std::pair{222064, 0xF0}, std::pair{227360, 0x10}}) {
+        ASSERT_EQ(d.Tune(khz), 1);
+        // What was buffered before the tuning comes first, then settling
+        // noise, then only the file.
+        Bytes bytes = d.Collect(buffered + 200000);
+        ASSERT_GE(bytes.size(), buffered + 200000);
+        size_t last = bytes.size();
+        while (last > 0 && bytes[last - 1] == value) --last;
+        EXPECT_GE(bytes.size() - last, 200000u) << khz;
+        ASSERT_GE(last, settle);
+        bytes.resize(last);
+        EXPECT_LT(FileBytes(bytes, last - settle + 64), settle / 20) << "no settling noise at " << khz;
+    }
+    // A frequency without a file gives noise.
+    ASSERT_EQ(d.Tune(100000), 1);
+    const Bytes noise = d.Collect(buffered + 100000);
+    EXPECT_LT(FileBytes(noise, buffered), noise.size() / 50);
+}
+
+TEST_F(EmulatorFiles, UnpacedStreamLosesNothing) {
+    // A counting file: any lost or repeated byte breaks the sequence.
+    Bytes ramp(1 << 20);
+    for (size_t i = 0; i < ramp.size(); ++i) ramp[i] = uint8_t(i * 7 + i / 251);
+    Configure({{"MVC900_SOURCE", "file:" + Write("ramp.u8", ramp)}, {"MVC900_SPEED", "0"}, {"MVC900_LOOP", "0"},
+               {"MVC900_FIFO_KB", "256"}});
+    Device d;
+    ASSERT_TRUE(d.ready());
+    Bytes bytes;
+    // A slow reader: the producer has to wait, not drop.
+    while (d.WaitAndRead(&bytes) >= 0) std::this_thread::sleep_for(std::chrono::milliseconds(3));
+    EXPECT_EQ(bytes, ramp);
+}
+
+TEST(EmulatorDevice, StreamStopFaultAndOverflow) {
+    // Read as it comes: exactly the bytes before the stop.
+    Configure({{"MVC900_SOURCE", "noise"}, {"MVC900_SPEED", "0"}, {"MVC900_FAULT", "stream-stop=100000"}});
+    {
+        Device d;
+        ASSERT_TRUE(d.ready());
+        Bytes bytes;
+        while (d.WaitAndRead(&bytes, 200) >= 0) {
+        }
+        EXPECT_EQ(bytes.size(), 100000u);
+    }
+    // 3 MB at 20 times real time with nobody reading: the oldest bytes are
+    // lost, the buffer holds the newest.
+    Configure({{"MVC900_SOURCE", "noise"}, {"MVC900_SPEED", "20"}, {"MVC900_FIFO_KB", "256"},
+               {"MVC900_FAULT", "stream-stop=3000000"}});
+    Device d;
+    ASSERT_TRUE(d.ready());
+    while (d.WaitForSignal(300)) {  // until the stream has ended
+    }
+    Bytes bytes;
+    for (int32_t n = 0; (n = d.ReadNow(&bytes)) > 0;) EXPECT_LE(n, MVA_READ_CAPACITY);
+    EXPECT_EQ(bytes.size(), 256u * 1024u);
+}
+
+// Frequency of a complex tone of about 0.1 cycles per sample in `bytes`,
+// from the phase turn over 1,000 samples (100 cycles and the small rest).
+double ToneFrequency(const Bytes& bytes) {
+    constexpr size_t kLag = 1000;
+    std::complex<double> sum = 0.0;
+    for (size_t n = 0; 2 * (n + kLag) + 1 < bytes.size(); ++n) {
+        const std::complex<double> a(bytes[2 * n] - 127.5, bytes[2 * n + 1] - 127.5);
+        const std::complex<double> b(bytes[2 * (n + kLag)] - 127.5, bytes[2 * (n + kLag) + 1] - 127.5);
+        sum += b * std::conj(a);
+    }
+    return (100.0 + std::arg(sum) / (2.0 * M_PI)) / double(kLag);
+}
+
+TEST_F(EmulatorFiles, SampleRateRegisterCancelsTheClockError) {
+    // A tone of 0.1 cycles per sample; a device clock 200 ppm fast makes it
+    // 0.1 / (1 + 200e-6) cycles per sample. The register adds to the
+    // converter's rate, so writing minus the error cancels it.
+    Bytes tone(2 * 100000);
+    ToneSource(0.1, 80.0).Read(tone.data(), tone.size());
+    Configure({{"MVC900_SOURCE", "file:" + Write("tone.u8", tone)}, {"MVC900_SPEED", "0"}, {"MVC900_CLOCK_PPM", "200"},
+               {"MVC900_SETTLE_MS", "0"}, {"MVC900_FIFO_KB", "256"}});
+    Device d;
+    ASSERT_TRUE(d.ready());
+    ASSERT_EQ(d.Tune(227360), 1);
+    // The clock error in ppm, past what was buffered before; one tone period
+    // holds 10 samples, so a loop of the file doesn't break the phase.
+    auto measure = [&] {
+        Bytes bytes = d.Collect(256 * 1024 + 400000);
+        bytes.erase(bytes.begin(), bytes.end() - 400000);
+        return (0.1 / ToneFrequency(bytes) - 1.0) * 1.0e6;
+    };
+    EXPECT_NEAR(measure(), 200.0, 1.0);
+    uint8_t code[2] = {0x32, 0xE4};  // floor(-200 x 16.777216) = -3356, 14-bit two's complement
+    ASSERT_EQ(MVA_Demod_Byte_Write(1, 0x3E, 2, code), 1);
+    EXPECT_NEAR(measure(), 0.0, 1.0);
+}
+
+TEST(EmulatorDevice, EntriesRefuseWhenClosedOrFaulty) {
+    Configure({{"MVC900_FAULT", "no-device"}});
+    EXPECT_EQ(MVA_BDAFilterInit(0), 0);
+    uint8_t two[2] = {0xAB, 0xCD};
+    int32_t v = 5;
+    EXPECT_EQ(MVA_Demod_Byte_Read(0, 0, 1, two), 0);
+    EXPECT_EQ(MVA_GetData(two, 1, &v, nullptr), 0);
+    EXPECT_EQ(v, 0);
+
+    Configure({{"MVC900_TUNER_TYPE", "14"}, {"MVC900_FAULT", "update-after=1,demod-read=0:20"}});
+    ASSERT_EQ(MVA_BDAFilterInit(0), 1);
+    EXPECT_EQ(MVA_Get_TunerType(&v), 1);
+    EXPECT_EQ(v, 14);
+    EXPECT_EQ(MVA_DeviceUpdate(), 0) << "no frequency recorded yet";
+    EXPECT_EQ(MVA_Set_Frequency(227360), 1);
+    EXPECT_EQ(MVA_DeviceUpdate(), 1);
+    EXPECT_EQ(MVA_DeviceUpdate(), 0);
+    EXPECT_EQ(MVA_Demod_Byte_Write(0, 0x1F, 2, two), 1);
+    EXPECT_EQ(MVA_Demod_Byte_Read(0, 0x1F, 2, two), 0) << "the range covers the faulty register";
+    EXPECT_EQ(MVA_Demod_Byte_Read(0, 0x1F, 1, two), 1);
+    EXPECT_EQ(two[0], 0xAB);
+    MVA_BDAFilterRelease(0);
+    EXPECT_EQ(MVA_Demod_Byte_Read(0, 0x1F, 1, two), 0) << "released";
+}
+
+TEST(EmulatorDevice, ReleasingTheDeviceStopsSignallingEvenWhenReleasingTheEventFails) {
+    Configure({{"MVC900_SOURCE", "noise"}, {"MVC900_FAULT", "release-event"}});
+    ASSERT_EQ(MVA_BDAFilterInit(0), 1);
+    MVA_EventHandle e = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    ASSERT_EQ(MVA_SetDABEventHandle(&e), 1);
+    EXPECT_EQ(MVA_ReleaseDABEventHandle(&e), 0) << "fault: streaming goes on";
+    MVA_BDAFilterRelease(0);
+    uint64_t count = 0;
+    while (read(int(e), &count, sizeof count) == sizeof count) {
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_NE(read(int(e), &count, sizeof count), ssize_t(sizeof count)) << "signalled after release";
+    close(int(e));
+}
+
+}  // namespace
+}  // namespace emu
