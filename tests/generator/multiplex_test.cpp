@@ -5,7 +5,6 @@
 
 #include <map>
 #include <memory>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -13,7 +12,6 @@
 #include "generator/ensemble_description.h"
 #include "generator/multiplex.h"
 #include "tests/generator/coding_checks.h"
-#include "tests/generator/payload_checks.h"
 
 namespace {
 
@@ -34,7 +32,11 @@ gen::EnsembleDescription Preset(const std::string& name, int mode, uint64_t seed
     return d;
 }
 
-std::vector<std::pair<int, int>> FicRuns(int mode) { return {{mode == 3 ? 29 : 21, 16}, {3, 15}}; }
+std::shared_ptr<std::vector<uint8_t>> Record(gen::Multiplex& m) {
+    auto fibs = std::make_shared<std::vector<uint8_t>>();
+    m.RecordFibs(fibs);
+    return fibs;
+}
 
 // CIF count carried by the FIG 0/0 at the start of a FIB group.
 int CifCountOf(const uint8_t* fib, int* changeFlags = nullptr, int* occurrence = nullptr) {
@@ -48,20 +50,19 @@ int CifCountOf(const uint8_t* fib, int* changeFlags = nullptr, int* occurrence =
 TEST(Multiplex, FicBlocksDecodeToTheSentFibsInEveryMode) {
     for (int mode = 1; mode <= 4; ++mode) {
         auto m = Build(Preset("default", mode));
-        auto fibs = std::make_shared<std::vector<uint8_t>>();
-        m->RecordFibs(fibs);
+        auto fibs = Record(*m);
         std::vector<uint8_t> bits;
         m->NextFrame(bits);
         const gen::ModeGeometry& g = gen::Geometry(mode);
         ASSERT_EQ(bits.size(), static_cast<size_t>(g.DataBitsPerFrame()));
         ASSERT_EQ(fibs->size(), static_cast<size_t>(g.fibsPerFrame) * 32);
-        const std::vector<uint8_t> mask = check::PunctureMask(FicRuns(mode));
+        const std::vector<uint8_t> mask = check::PunctureMask({{mode == 3 ? 29 : 21, 16}, {3, 15}});
         const size_t blockBits = static_cast<size_t>(g.ficBitsPerFrame / g.cifsPerFrame);
         EXPECT_EQ(blockBits, mode == 3 ? 3072u : 2304u);
         const size_t fibsPerBlock = static_cast<size_t>(g.fibsPerFrame / g.cifsPerFrame);
         for (int k = 0; k < g.cifsPerFrame; ++k) {
-            std::vector<uint8_t> coded(bits.begin() + k * blockBits, bits.begin() + (k + 1) * blockBits);
-            std::vector<uint8_t> info = check::ViterbiDecode(coded, mask);
+            std::vector<uint8_t> info =
+                check::ViterbiDecode({bits.begin() + k * blockBits, bits.begin() + (k + 1) * blockBits}, mask);
             ASSERT_EQ(info.size(), fibsPerBlock * 256);
             check::Descramble(info);
             const std::vector<uint8_t> bytes = check::PackBits(info);
@@ -77,8 +78,7 @@ TEST(Multiplex, FicBlocksDecodeToTheSentFibsInEveryMode) {
 TEST(Multiplex, FigsCarryTheDescription) {
     gen::EnsembleDescription d = Preset("default", 1);
     auto m = Build(d);
-    auto fibs = std::make_shared<std::vector<uint8_t>>();
-    m->RecordFibs(fibs);
+    auto fibs = Record(*m);
     std::vector<uint8_t> bits;
     for (int f = 0; f < 4; ++f) m->NextFrame(bits);
 
@@ -151,8 +151,7 @@ TEST(Multiplex, CifCountAdvancesAndWraps) {
         gen::EnsembleDescription d = Preset("single-random", mode);
         d.firstCifCount = 4990;
         auto m = Build(d);
-        auto fibs = std::make_shared<std::vector<uint8_t>>();
-        m->RecordFibs(fibs);
+        auto fibs = Record(*m);
         std::vector<uint8_t> bits;
         const int perFrame = gen::Geometry(mode).cifsPerFrame;
         for (int f = 0; f < 20 / perFrame; ++f) m->NextFrame(bits);
@@ -219,15 +218,11 @@ TEST(Multiplex, ReconfigurationIsAnnouncedThenApplied) {
     d.reconfiguration.cifCount = 20;  // 30 CIFs in, across the wrap
     d.reconfiguration.announceCifs = 10;
     gen::SubChannelDesc other;  // stays where it is
-    other.id = 9;
-    other.startCu = 700;
+    other.id = 9, other.startCu = 700, other.bitrateKbps = 16, other.payload = "random:5";
     other.protection = {gen::ProtectionKind::kEepA, 4};
-    other.bitrateKbps = 16;
-    other.payload = "random:5";
     d.subChannels.push_back(other);
     auto m = Build(d);
-    auto fibs = std::make_shared<std::vector<uint8_t>>();
-    m->RecordFibs(fibs);
+    auto fibs = Record(*m);
     std::vector<uint8_t> bits;
     int nextFigs = 0;
     for (int t = 0; t < 40; ++t) {
@@ -238,9 +233,7 @@ TEST(Multiplex, ReconfigurationIsAnnouncedThenApplied) {
         EXPECT_EQ(count, (4990 + t) % 5000);
         const bool announcing = t >= 20 && t < 30;
         EXPECT_EQ(flagsField, announcing ? 1 : 0) << "CIF " << t;
-        if (announcing) {
-            EXPECT_EQ(occurrence, 20);
-        }
+        EXPECT_EQ(occurrence, announcing ? 20 : -1);
         // FIG 0/1 entries of this group: current (C/N 0) and next (C/N 1).
         for (int f = 0; f < 3; ++f) {
             std::vector<check::FigRead> figs;
@@ -256,13 +249,8 @@ TEST(Multiplex, ReconfigurationIsAnnouncedThenApplied) {
                     const int id = fig.data[e] >> 2;
                     const int start = ((fig.data[e] & 3) << 8) | fig.data[e + 1];
                     const int level = ((fig.data[e + 2] >> 2) & 3) + 1;
-                    if (id == 9) {
-                        EXPECT_EQ(start, 700);
-                        EXPECT_EQ(level, 4);
-                        continue;
-                    }
-                    EXPECT_EQ(start, newOrganisation ? 400 : 0) << "CIF " << t;
-                    EXPECT_EQ(level, newOrganisation ? 2 : 3) << "CIF " << t;
+                    EXPECT_EQ(start, id == 9 ? 700 : newOrganisation ? 400 : 0) << "CIF " << t;
+                    EXPECT_EQ(level, id == 9 ? 4 : newOrganisation ? 2 : 3) << "CIF " << t;
                 }
             }
         }
@@ -272,9 +260,8 @@ TEST(Multiplex, ReconfigurationIsAnnouncedThenApplied) {
         for (int i = 0; i < 64 * 48; ++i) onesOld += msc[i];
         for (int i = 64 * 400; i < 64 * 464; ++i) onesNew += msc[i];
         // Zeros in the unused capacity; a new protection restarts the delay lines.
-        const bool oldUsed = t < 30, newUsed = t >= 30;
-        EXPECT_EQ(onesOld > 0, oldUsed) << "CIF " << t;
-        EXPECT_EQ(onesNew > 0, newUsed) << "CIF " << t;
+        EXPECT_EQ(onesOld > 0, t < 30) << "CIF " << t;
+        EXPECT_EQ(onesNew > 0, t >= 30) << "CIF " << t;
     }
     EXPECT_GE(nextFigs, 5);  // the next organisation went out during the announcement
 }
@@ -287,15 +274,11 @@ TEST(Multiplex, SameSeedSameBits) {
     ASSERT_TRUE(gen::MakeEnsembleBits("default", "", 4, 7, &y, &error)) << error;
     ASSERT_TRUE(gen::MakeEnsembleBits("default", "", 4, 8, &z, &error)) << error;
     for (int f = 0; f < 12; ++f) {
-        x.source->NextFrame(a);
-        y.source->NextFrame(b);
-        z.source->NextFrame(c);
+        x.source->NextFrame(a), y.source->NextFrame(b), z.source->NextFrame(c);
         ASSERT_EQ(a, b) << "frame " << f;
     }
     EXPECT_NE(a, c);
-    EXPECT_NE(x.listing.find("sub-channel 2: start 36 CU, size 96 CU, uep:3 (index 35), 128 kbit/s"),
-              std::string::npos)
-        << x.listing;
+    EXPECT_NE(x.listing.find("sub-channel 2: start 36 CU, size 96 CU, uep:3 (index 35), 128 kbit/s"), std::string::npos);
     for (const std::string& name : gen::EnsemblePresetNames())
         EXPECT_TRUE(gen::MakeEnsembleBits(name, "", 3, 1, &x, &error)) << name << ": " << error;
     EXPECT_FALSE(gen::MakeEnsembleBits("default:mp2=/nonexistent.mp2", "", 1, 1, &x, &error));
@@ -340,16 +323,17 @@ TEST(EnsembleDescription, FileFormatAndItsErrors) {
         EXPECT_NE(error.find(expected), std::string::npos) << error;
     }
     // Consistency is checked when the multiplex is built.
-    ASSERT_TRUE(gen::ParseDescription("subchannel id=1 start=0 protection=eep-a:3 bitrate=48 payload=random:1\n"
-                                      "subchannel id=2 start=30 protection=eep-a:3 bitrate=48 payload=random:1\n",
-                                      1, 1, &d, &error));
-    EXPECT_FALSE(gen::Multiplex::Make(d, &error));
-    EXPECT_NE(error.find("overlap"), std::string::npos) << error;
-    ASSERT_TRUE(gen::ParseDescription("subchannel id=1 start=830 protection=uep:3 bitrate=56 payload=random:1\n"
-                                      "service sid=0xE001 component=mp2:2\n",
-                                      1, 1, &d, &error));
-    EXPECT_FALSE(gen::Multiplex::Make(d, &error));
-    EXPECT_NE(error.find("864"), std::string::npos) << error;
+    const std::pair<const char*, const char*> inconsistent[] = {
+        {"subchannel id=1 start=0 protection=eep-a:3 bitrate=48 payload=random:1\n"
+         "subchannel id=2 start=30 protection=eep-a:3 bitrate=48 payload=random:1\n", "overlap"},
+        {"subchannel id=1 start=830 protection=uep:3 bitrate=56 payload=random:1\n"
+         "service sid=0xE001 component=mp2:2\n", "864"},
+    };
+    for (auto [text, expected] : inconsistent) {
+        ASSERT_TRUE(gen::ParseDescription(text, 1, 1, &d, &error)) << error;
+        EXPECT_FALSE(gen::Multiplex::Make(d, &error));
+        EXPECT_NE(error.find(expected), std::string::npos) << error;
+    }
 }
 
 }  // namespace

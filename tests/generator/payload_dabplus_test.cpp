@@ -9,7 +9,7 @@
 #include <fstream>
 
 #include "generator/payload_dabplus.h"
-#include "tests/generator/payload_checks.h"
+#include "tests/generator/coding_checks.h"
 
 namespace {
 

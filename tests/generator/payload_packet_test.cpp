@@ -5,7 +5,7 @@
 #include <map>
 
 #include "generator/payload_sources.h"
-#include "tests/generator/payload_checks.h"
+#include "tests/generator/coding_checks.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <fstream>
 
 #include "generator/payload_sources.h"
-#include "tests/generator/payload_checks.h"
+#include "tests/generator/coding_checks.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "generator/payload_sources.h"
-#include "tests/generator/payload_checks.h"
+#include "tests/generator/coding_checks.h"
 
 namespace {
 
