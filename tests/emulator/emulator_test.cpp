@@ -9,6 +9,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <complex>
@@ -16,9 +17,9 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
-#include <tuple>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "device/device_interface.h"
@@ -81,8 +82,7 @@ public:
     // One read, its bytes appended to `out`; the count.
     int32_t ReadNow(Bytes* out) {
         Bytes buffer(MVA_READ_CAPACITY);
-        int32_t n = -7;
-        int32_t reserved = 0;
+        int32_t n = -7, reserved = 0;
         MVA_GetData(buffer.data(), MVA_READ_CAPACITY, &n, &reserved);
         if (n > 0) out->insert(out->end(), buffer.begin(), buffer.begin() + n);
         return n;
@@ -120,9 +120,8 @@ protected:
 
 // Bytes from `from` on that are 0x10 or 0xF0, the values of the test files.
 size_t FileBytes(const Bytes& bytes, size_t from) {
-    size_t n = 0;
-    for (size_t i = from; i < bytes.size(); ++i) n += bytes[i] == 0x10 || bytes[i] == 0xF0;
-    return n;
+    return std::count_if(bytes.begin() + std::min(from, bytes.size()), bytes.end(),
+                         [](uint8_t b) { return b == 0x10 || b == 0xF0; });
 }
 
 TEST(EmulatorSettings, SourcePlans) {
@@ -207,12 +206,11 @@ TEST(EmulatorRegisters, ResetStateRangesAndLine) {
     }
 
     // Soft reset: counted on the falling edge of bit 2 of page 1, 0x01.
-    const uint8_t set = 0x05;
-    const uint8_t clear = 0x01;
-    r.WriteDemod(1, 0x01, 1, &set);
-    EXPECT_EQ(r.SoftResets(), 0);
-    r.WriteDemod(1, 0x01, 1, &clear);
-    EXPECT_EQ(r.SoftResets(), 1);
+    for (const auto& [value, resets] : {std::pair{0x05, 0}, {0x01, 1}}) {
+        const uint8_t byte = uint8_t(value);
+        r.WriteDemod(1, 0x01, 1, &byte);
+        EXPECT_EQ(r.SoftResets(), resets);
+    }
     r.Reset();
     EXPECT_EQ(r.SoftResets(), 0);
     EXPECT_EQ(r.GoodReceptionLine(), 0);
