@@ -98,6 +98,19 @@ void ExpectClosedAnswers() {
 void Fic(uint8_t*, int32_t, int32_t) {}
 void Packet(uint8_t*, int32_t, int32_t, int32_t) {}
 
+// Runs first, before anything in the process has opened the device.
+TEST(ApiBeforeOpen, EverythingFailsButCallbacksCanBeSet) {
+    ExpectClosedAnswers();
+    ExpectClosedAnswers();  // twice: the first round changed nothing
+    // Callbacks can be set while closed, but not to null.
+    for (auto set : {MVDAB_SetFICCallBack, MVDAB_SetMWFICCallBack, MVDAB_SetMSCCallBack, MVDAB_SetStreamDataCallBack}) {
+        EXPECT_EQ(set(nullptr), 0);
+        EXPECT_EQ(set(Fic), 1);
+    }
+    EXPECT_EQ(MVDAB_SetPacketCallBack(nullptr), 0);
+    EXPECT_EQ(MVDAB_SetPacketCallBack(Packet), 1);
+}
+
 class Api : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -119,17 +132,7 @@ protected:
     }
 };
 
-TEST_F(Api, ClosedOrNullArgumentsGiveFailureValues) {
-    ExpectClosedAnswers();
-    ExpectClosedAnswers();  // twice: the first round changed nothing
-    // Callbacks can be set while closed, but not to null.
-    for (auto set : {MVDAB_SetFICCallBack, MVDAB_SetMWFICCallBack, MVDAB_SetMSCCallBack, MVDAB_SetStreamDataCallBack}) {
-        EXPECT_EQ(set(nullptr), 0);
-        EXPECT_EQ(set(Fic), 1);
-    }
-    EXPECT_EQ(MVDAB_SetPacketCallBack(nullptr), 0);
-    EXPECT_EQ(MVDAB_SetPacketCallBack(Packet), 1);
-
+TEST_F(Api, NullArgumentsWhileOpenAndEverythingAfterCloseFail) {
     ASSERT_EQ(MVDAB_OpenDevice(), 1);
     for (Getter get : kGetters) EXPECT_EQ(get(nullptr), 0);
     int32_t v = 0;

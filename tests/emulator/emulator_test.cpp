@@ -393,8 +393,8 @@ TEST(EmulatorDevice, StreamStopFaultAndOverflow) {
         }
         EXPECT_EQ(bytes.size(), 100000u);
     }
-    // 3 MB at 20 times real time with nobody reading: the oldest bytes are
-    // lost, the buffer holds the newest.
+    // 3 MB at 20 times real time with nobody reading: the buffer ends full,
+    // the rest is dropped.
     Configure({{"MVC900_SOURCE", "noise"}, {"MVC900_SPEED", "20"}, {"MVC900_FIFO_KB", "256"},
                {"MVC900_FAULT", "stream-stop=3000000"}});
     Device d;
