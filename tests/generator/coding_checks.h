@@ -6,6 +6,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
 #include <vector>
 
 #include "generator/payload.h"
@@ -186,6 +189,21 @@ inline std::vector<uint8_t> Pull(gen::PayloadSource& src, size_t length, int fra
     std::vector<uint8_t> out(length * static_cast<size_t>(frames));
     for (int f = 0; f < frames; ++f) src.NextLogicalFrame(&out[length * static_cast<size_t>(f)], length);
     return out;
+}
+
+// Bytes from hex text: "0A 1B ...".
+inline std::vector<uint8_t> Hex(const char* text) {
+    std::vector<uint8_t> out;
+    for (const char* p = text; *p; p += *p == ' ' ? 1 : 2)
+        if (*p != ' ') out.push_back(static_cast<uint8_t>(std::stoul(std::string(p, 2), nullptr, 16)));
+    return out;
+}
+
+// The sample audio files: MVDAB_SAMPLES_DIR, or shared/samples beside the source tree.
+inline std::string SamplesDir() {
+    if (const char* env = std::getenv("MVDAB_SAMPLES_DIR")) return env;
+    return (std::filesystem::path(__FILE__).parent_path().parent_path().parent_path().parent_path() / "shared" / "samples")
+        .string();
 }
 
 }  // namespace check

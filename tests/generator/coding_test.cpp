@@ -20,12 +20,7 @@
 
 namespace {
 
-std::vector<uint8_t> Hex(const char* text) {
-    std::vector<uint8_t> out;
-    for (const char* p = text; *p; p += *p == ' ' ? 1 : 2)
-        if (*p != ' ') out.push_back(static_cast<uint8_t>(std::stoul(std::string(p, 2), nullptr, 16)));
-    return out;
-}
+using check::Hex;
 
 std::string BitString(const std::vector<uint8_t>& bits) {
     std::string s;

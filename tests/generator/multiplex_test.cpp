@@ -85,8 +85,7 @@ TEST(Multiplex, FigsCarryTheDescription) {
     std::map<int, std::vector<uint8_t>> subChannels;          // SubChId -> FIG 0/1 entry
     std::map<uint32_t, std::vector<uint8_t>> services;        // SId -> components (2 bytes each)
     std::map<int, std::vector<uint8_t>> packetComponents;     // SCId -> FIG 0/3 entry
-    std::map<int, std::string> labels;                        // id -> label (ensemble and services)
-    std::map<int, uint16_t> flags;
+    std::map<int, std::string> labels;                        // id -> label and character flags
     for (size_t off = 0; off < fibs->size(); off += 32) {
         const uint8_t* fib = fibs->data() + off;
         ASSERT_TRUE(check::CrcResidueOk(fib, 32));
@@ -121,9 +120,7 @@ TEST(Multiplex, FigsCarryTheDescription) {
                     packetComponents[(x[i] << 4) | (x[i + 1] >> 4)].assign(x.begin() + i, x.begin() + i + 5);
             } else if (f.type == 1) {
                 ASSERT_EQ(x.size(), 21u);
-                const int id = (x[1] << 8) | x[2];
-                labels[id] = std::string(x.begin() + 3, x.begin() + 19);
-                flags[id] = static_cast<uint16_t>((x[19] << 8) | x[20]);
+                labels[(x[1] << 8) | x[2]] = std::string(x.begin() + 3, x.end());
             }
         }
     }
@@ -138,10 +135,8 @@ TEST(Multiplex, FigsCarryTheDescription) {
     EXPECT_EQ(services[0xE1E00203], (std::vector<uint8_t>{0xC0, (1 << 2) | 2}));
     ASSERT_EQ(packetComponents.size(), 1u);
     EXPECT_EQ(packetComponents[1], (std::vector<uint8_t>{0x00, 0x10, 0x00, 3 << 2, 1}));
-    EXPECT_EQ(labels[d.eid], "MVX DEFAULT     ");
-    EXPECT_EQ(flags[d.eid], 0xE000);  // "MVX"
-    EXPECT_EQ(labels[0xE201], "MVX Plus        ");
-    EXPECT_EQ(flags[0xE201], 0x0F00);  // "Plus"
+    EXPECT_EQ(labels[d.eid], std::string("MVX DEFAULT     \xE0\x00", 18));  // short label "MVX"
+    EXPECT_EQ(labels[0xE201], std::string("MVX Plus        \x0F\x00", 18));  // "Plus"
     EXPECT_EQ(labels.count(0x0203), 0u);  // 32-bit ids get no label
     EXPECT_EQ(gen::CharacterFlags("AB CDEFGHIJ", ""), 0xDF80);  // first 8 non-spaces
 }

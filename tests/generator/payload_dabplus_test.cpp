@@ -2,10 +2,6 @@
 // independent parser, and the sample superframe files.
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
 #include <fstream>
 
 #include "generator/payload_dabplus.h"
@@ -45,19 +41,19 @@ TEST(DabPlusSuperframe, WorkedExampleBitExact) {
                                                    std::vector<uint8_t>(238, 0x33)};
     uint8_t sf[720];
     ASSERT_TRUE(gen::BuildDabPlusSuperframe(audio, 6, aus, sf));
-    const uint8_t head[16] = {0x44, 0x7D, 0x70, 0x0D, 0x01, 0xA4, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11};
-    EXPECT_EQ(0, std::memcmp(sf, head, 16));
-    EXPECT_EQ(sf[206], 0x00); EXPECT_EQ(sf[207], 0x24);
-    EXPECT_EQ(sf[418], 0x36); EXPECT_EQ(sf[419], 0xFC);
-    const uint8_t tail[18] = {0x33, 0x33, 0x33, 0x33, 0xB6, 0x64, 0x69, 0x35, 0x70,
-                              0x2C, 0x26, 0xD8, 0xFA, 0x92, 0x86, 0xF7, 0x60, 0x01};
-    EXPECT_EQ(0, std::memcmp(sf + 654, tail, 18));
-    const uint8_t p0[10] = {0x69, 0xFA, 0x2F, 0x01, 0x84, 0xC1, 0xC0, 0xE0, 0x9A, 0x24};
-    const uint8_t p5[10] = {0xD8, 0x01, 0x31, 0xA6, 0x69, 0xC0, 0xE0, 0x75, 0x8A, 0xC4};
-    for (int m = 0; m < 10; ++m) {
-        EXPECT_EQ(sf[660 + 6 * m], p0[m]) << m;
-        EXPECT_EQ(sf[665 + 6 * m], p5[m]) << m;
-    }
+    // Header and first AU, the two AU CRCs, the end of the last AU, and the
+    // parity of RS columns 0 and 5.
+    const auto bytes = [&](size_t from, size_t n, size_t stride = 1) {
+        std::vector<uint8_t> v;
+        for (size_t i = 0; i < n; ++i) v.push_back(sf[from + i * stride]);
+        return v;
+    };
+    EXPECT_EQ(bytes(0, 16), check::Hex("44 7D 70 0D 01 A4 11 11 11 11 11 11 11 11 11 11"));
+    EXPECT_EQ(bytes(206, 2), check::Hex("00 24"));
+    EXPECT_EQ(bytes(418, 2), check::Hex("36 FC"));
+    EXPECT_EQ(bytes(654, 18), check::Hex("33 33 33 33 B6 64 69 35 70 2C 26 D8 FA 92 86 F7 60 01"));
+    EXPECT_EQ(bytes(660, 10, 6), check::Hex("69 FA 2F 01 84 C1 C0 E0 9A 24"));
+    EXPECT_EQ(bytes(665, 10, 6), check::Hex("D8 01 31 A6 69 C0 E0 75 8A C4"));
     // One byte too many does not fit; a wrong AU count is refused.
     auto big = aus;
     big[2].push_back(0);
@@ -71,10 +67,7 @@ TEST(DabPlusSuperframe, WorkedExampleBitExact) {
 TEST(DabPlusSuperframe, SyntheticSourceRoundTrip) {
     for (int mode = 0; mode < 4; ++mode) {
         gen::DabPlusAudio audio;
-        audio.dac48k = mode & 1;
-        audio.sbr = mode & 2;
-        audio.stereo = !(mode == 2);
-        audio.ps = mode == 2;
+        audio.dac48k = mode & 1, audio.sbr = mode & 2, audio.stereo = mode != 2, audio.ps = mode == 2;
         const gen::DabPlusLayout layout = gen::DabPlusLayoutFor(audio);
         EXPECT_EQ(layout.numAus, audio.dac48k ? (audio.sbr ? 3 : 6) : (audio.sbr ? 2 : 4));
         for (int s : {1, 4, 6, 11, 12, 24}) {
@@ -88,10 +81,8 @@ TEST(DabPlusSuperframe, SyntheticSourceRoundTrip) {
                 EXPECT_EQ(bytes[static_cast<size_t>(120 * s * k) + 2] & 0x78, (audio.dac48k ? 0x40 : 0) |
                           (audio.sbr ? 0x20 : 0) | (audio.stereo ? 0x10 : 0) | (audio.ps ? 0x08 : 0));
             }
-            auto twin = gen::MakeDabPlusSyntheticPayload(8 * s, audio, 3);
-            EXPECT_EQ(bytes, check::Pull(*twin, 24 * static_cast<size_t>(s), 15));
-            auto other = gen::MakeDabPlusSyntheticPayload(8 * s, audio, 4);
-            EXPECT_NE(bytes, check::Pull(*other, 24 * static_cast<size_t>(s), 15));
+            EXPECT_EQ(bytes, check::Pull(*gen::MakeDabPlusSyntheticPayload(8 * s, audio, 3), 24 * static_cast<size_t>(s), 15));
+            EXPECT_NE(bytes, check::Pull(*gen::MakeDabPlusSyntheticPayload(8 * s, audio, 4), 24 * static_cast<size_t>(s), 15));
         }
     }
     EXPECT_FALSE(gen::MakeDabPlusSyntheticPayload(44, gen::DabPlusAudio{}, 1));
@@ -125,11 +116,6 @@ TEST(DabPlusSuperframe, AccessUnitFileRoundTrip) {
     EXPECT_FALSE(gen::MakeDabPlusAuFilePayload(path, 32, gen::DabPlusAudio{}, &error));  // too big at 32 kbit/s
 }
 
-std::string SamplesDir() {
-    const char* env = std::getenv("MVDAB_SAMPLES_DIR");
-    return env ? env : "../shared/samples";
-}
-
 // The sample files: every superframe passes the checks, and the file source
 // sends the file unchanged, looping.
 TEST(DabPlusSuperframe, SampleFilesPassTheChecks) {
@@ -137,7 +123,7 @@ TEST(DabPlusSuperframe, SampleFilesPassTheChecks) {
         {"speech-heaac-48k.dabp", 48}, {"speech-heaacv2-32k.dabp", 32}, {"tones-aaclc-96k.dabp", 96}};
     int found = 0;
     for (const auto& f : files) {
-        const std::string path = SamplesDir() + "/" + f.name;
+        const std::string path = check::SamplesDir() + "/" + f.name;
         std::ifstream in(path, std::ios::binary);
         if (!in) continue;
         ++found;
@@ -159,7 +145,7 @@ TEST(DabPlusSuperframe, SampleFilesPassTheChecks) {
             EXPECT_FALSE(gen::MakeDabPlusSuperframeFilePayload(path, f.kbps + 8, &error));
         }
     }
-    if (found == 0) GTEST_SKIP() << "no sample files in " << SamplesDir();
+    if (found == 0) GTEST_SKIP() << "no sample files in " << check::SamplesDir();
 }
 
 }  // namespace

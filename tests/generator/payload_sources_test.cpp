@@ -2,7 +2,6 @@
 // descriptions.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <fstream>
 
 #include "generator/payload_sources.h"
@@ -15,8 +14,7 @@ void WriteFile(const std::string& path, const std::vector<uint8_t>& bytes) {
 }
 
 TEST(PayloadSources, RandomAndFileBytes) {
-    auto a = gen::MakeRandomPayload(7);
-    const auto bytes = check::Pull(*a, 96, 10);
+    const auto bytes = check::Pull(*gen::MakeRandomPayload(7), 96, 10);
     // A continuous stream, whatever the frame length; another seed differs.
     EXPECT_EQ(bytes, check::Pull(*gen::MakeRandomPayload(7), 48, 20));
     EXPECT_NE(bytes, check::Pull(*gen::MakeRandomPayload(8), 96, 10));
@@ -31,19 +29,13 @@ TEST(PayloadSources, RandomAndFileBytes) {
     EXPECT_FALSE(error.empty());
 }
 
-// A layer II frame of 128 kbit/s at 48 kHz: header, then filler.
-std::vector<uint8_t> Frame(uint8_t fill) {
-    std::vector<uint8_t> f(384, fill);
-    f[0] = 0xFF, f[1] = 0xFD, f[2] = 0x84, f[3] = 0x04;
-    return f;
-}
-
 TEST(PayloadSources, Mp2FramesMustMatchTheSubChannel) {
+    // Three layer II frames of 128 kbit/s at 48 kHz: header, then filler.
     const std::string path = testing::TempDir() + "x.mp2";
     std::vector<uint8_t> file;
-    for (int k = 0; k < 3; ++k) {
-        const auto f = Frame(static_cast<uint8_t>(k));
-        file.insert(file.end(), f.begin(), f.end());
+    for (uint8_t k = 0; k < 3; ++k) {
+        file.insert(file.end(), {0xFF, 0xFD, 0x84, 0x04});
+        file.insert(file.end(), 380, k);
     }
     WriteFile(path, file);
     std::string error;
@@ -58,20 +50,16 @@ TEST(PayloadSources, Mp2FramesMustMatchTheSubChannel) {
     file.insert(file.end(), 5, 0x55);  // garbage after the last frame
     WriteFile(path, file);
     EXPECT_FALSE(gen::MakeMp2Payload(path, 128, &error));
-}
 
-TEST(PayloadSources, Mp2SampleFile) {
-    const char* env = std::getenv("MVDAB_SAMPLES_DIR");
-    const std::string path = std::string(env ? env : "../shared/samples") + "/speech-mp2-128k.mp2";
-    if (!std::ifstream(path)) GTEST_SKIP() << "no " << path;
-    std::string error;
-    auto src = gen::MakeMp2Payload(path, 128, &error);
+    // The sample file: a frame header at the start of every logical frame.
+    const std::string sample = check::SamplesDir() + "/speech-mp2-128k.mp2";
+    if (!std::ifstream(sample)) GTEST_SKIP() << "no " << sample;
+    src = gen::MakeMp2Payload(sample, 128, &error);
     ASSERT_TRUE(src) << error;
-    for (int k = 0; k < 500; ++k) {
-        uint8_t frame[384];
-        src->NextLogicalFrame(frame, 384);
-        ASSERT_EQ(frame[0], 0xFF) << k;
-        ASSERT_EQ(frame[1] & 0xFE, 0xFC) << k;
+    const auto frames = check::Pull(*src, 384, 500);
+    for (size_t k = 0; k < frames.size(); k += 384) {
+        ASSERT_EQ(frames[k], 0xFF) << k / 384;
+        ASSERT_EQ(frames[k + 1] & 0xFE, 0xFC) << k / 384;
     }
 }
 
@@ -82,9 +70,7 @@ TEST(PayloadSources, TextDescriptions) {
     EXPECT_EQ(check::Pull(*a, 144, 2), check::Pull(*gen::MakeRandomPayload(77), 144, 2));
     gen::PacketStreamParams params;
     params.components = {{40, 48, false, 1}};
-    params.fec = true;
-    params.paddingShare = 0.5;
-    params.seed = 3;
+    params.fec = true, params.paddingShare = 0.5, params.seed = 3;
     auto b = gen::MakePayloadFromText("packet:3,address=40,size=48,fec=1,groups=0,padding=0.5", 48);
     ASSERT_TRUE(b);
     EXPECT_EQ(check::Pull(*b, 144, 30), check::Pull(*gen::MakePacketPayload(48, params), 144, 30));
