@@ -3,6 +3,7 @@
 // small reader, CIF counts, reconfiguration, determinism, description files.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <map>
 #include <memory>
 #include <string>
@@ -224,8 +225,7 @@ TEST(Multiplex, ReconfigurationIsAnnouncedThenApplied) {
         m->NextFrame(bits);  // mode II: one CIF per frame
         const uint8_t* group = fibs->data() + t * 96;
         int flagsField = 0, occurrence = 0;
-        const int count = CifCountOf(group, &flagsField, &occurrence);
-        EXPECT_EQ(count, (4990 + t) % 5000);
+        EXPECT_EQ(CifCountOf(group, &flagsField, &occurrence), (4990 + t) % 5000);
         const bool announcing = t >= 20 && t < 30;
         EXPECT_EQ(flagsField, announcing ? 1 : 0) << "CIF " << t;
         EXPECT_EQ(occurrence, announcing ? 20 : -1);
@@ -250,13 +250,10 @@ TEST(Multiplex, ReconfigurationIsAnnouncedThenApplied) {
             }
         }
         // The sub-channel's capacity: 48 CU at CU 0, then 64 CU at CU 400.
-        const uint8_t* msc = bits.data() + gen::Geometry(2).ficBitsPerFrame;
-        int onesOld = 0, onesNew = 0;
-        for (int i = 0; i < 64 * 48; ++i) onesOld += msc[i];
-        for (int i = 64 * 400; i < 64 * 464; ++i) onesNew += msc[i];
         // Zeros in the unused capacity; a new protection restarts the delay lines.
-        EXPECT_EQ(onesOld > 0, t < 30) << "CIF " << t;
-        EXPECT_EQ(onesNew > 0, t >= 30) << "CIF " << t;
+        const uint8_t* msc = bits.data() + gen::Geometry(2).ficBitsPerFrame;
+        EXPECT_EQ(std::count(msc, msc + 64 * 48, 1) > 0, t < 30) << "CIF " << t;
+        EXPECT_EQ(std::count(msc + 64 * 400, msc + 64 * 464, 1) > 0, t >= 30) << "CIF " << t;
     }
     EXPECT_GE(nextFigs, 5);  // the next organisation went out during the announcement
 }
@@ -265,9 +262,8 @@ TEST(Multiplex, SameSeedSameBits) {
     std::vector<uint8_t> a, b, c;
     gen::EnsembleBits x, y, z;
     std::string error;
-    ASSERT_TRUE(gen::MakeEnsembleBits("default", "", 4, 7, &x, &error)) << error;
-    ASSERT_TRUE(gen::MakeEnsembleBits("default", "", 4, 7, &y, &error)) << error;
-    ASSERT_TRUE(gen::MakeEnsembleBits("default", "", 4, 8, &z, &error)) << error;
+    for (auto [bits, seed] : {std::pair{&x, 7}, {&y, 7}, {&z, 8}})
+        ASSERT_TRUE(gen::MakeEnsembleBits("default", "", 4, static_cast<uint64_t>(seed), bits, &error)) << error;
     for (int f = 0; f < 12; ++f) {
         x.source->NextFrame(a), y.source->NextFrame(b), z.source->NextFrame(c);
         ASSERT_EQ(a, b) << "frame " << f;

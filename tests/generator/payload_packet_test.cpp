@@ -36,15 +36,11 @@ void Parse(const std::vector<uint8_t>& s, bool fec, Stream* out) {
             for (int i = 3 + useful; i < size - 2; ++i) ASSERT_EQ(p[i], 0) << "padding of packet at " << pos;
             out->packets.emplace_back(p, p + size);
             if (address == 0) {
-                ASSERT_EQ(size, 24);
-                ASSERT_EQ(p[22], 0x60);
-                ASSERT_EQ(p[23], 0x4B);
+                ASSERT_TRUE(size == 24 && p[22] == 0x60 && p[23] == 0x4B) << "padding packet at " << pos;
             } else {
-                auto it = continuity.find(address);
-                if (it != continuity.end()) {
-                    ASSERT_EQ((p[0] >> 4) & 3, (it->second + 1) & 3);
-                }
-                continuity[address] = (p[0] >> 4) & 3;
+                const int counter = (p[0] >> 4) & 3;
+                ASSERT_TRUE(!continuity.count(address) || counter == ((continuity[address] + 1) & 3)) << "at " << pos;
+                continuity[address] = counter;
                 auto& unit = partial[address];
                 ASSERT_EQ(unit.empty(), (firstLast & 2) != 0) << "first flag at " << pos;
                 unit.insert(unit.end(), p + 3, p + 3 + useful);
@@ -62,8 +58,7 @@ void Parse(const std::vector<uint8_t>& s, bool fec, Stream* out) {
         uint8_t parity[198];
         for (int c = 0; c < 9; ++c) {
             const uint8_t* f = &s[tableEnd + 24 * static_cast<size_t>(c)];
-            ASSERT_EQ(f[0], 4 * c + 3);
-            ASSERT_EQ(f[1], 0xFE);
+            ASSERT_TRUE(f[0] == 4 * c + 3 && f[1] == 0xFE) << "FEC packet " << c;
             std::copy(f + 2, f + 24, parity + 22 * c);
         }
         for (int i = 192; i < 198; ++i) ASSERT_EQ(parity[i], 0);
@@ -81,8 +76,7 @@ void Parse(const std::vector<uint8_t>& s, bool fec, Stream* out) {
 TEST(PacketPayload, StreamOfPacketsAndDataGroups) {
     gen::PacketStreamParams params;
     params.components = {{17, 96, true, 2}, {300, 24, true, 1}, {1021, 48, false, 1}};
-    params.paddingShare = 0.15;
-    params.seed = 5;
+    params.paddingShare = 0.15, params.seed = 5;
     params.packetLog = std::make_shared<std::vector<std::vector<uint8_t>>>();
     auto src = gen::MakePacketPayload(32, params);
     ASSERT_TRUE(src);
@@ -111,11 +105,8 @@ TEST(PacketPayload, StreamOfPacketsAndDataGroups) {
 TEST(PacketPayload, FecFramesAreCodewords) {
     gen::PacketStreamParams params;
     params.components = {{5, 72, true, 1}, {6, 96, true, 1}};
-    params.fec = true;
-    params.seed = 9;
-    auto src = gen::MakePacketPayload(64, params);
-    ASSERT_TRUE(src);
-    const auto bytes = check::Pull(*src, 3 * 64, 60);  // 11,520 bytes: four whole FEC frames
+    params.fec = true, params.seed = 9;
+    const auto bytes = check::Pull(*gen::MakePacketPayload(64, params), 3 * 64, 60);  // 11,520 bytes: four whole FEC frames
     Stream st;
     Parse(bytes, true, &st);
     if (HasFatalFailure()) return;

@@ -16,12 +16,8 @@ namespace {
 
 std::vector<uint8_t> ReadAll(gen::SignalStream& s, size_t bytes, const std::vector<size_t>& pattern) {
     std::vector<uint8_t> out(bytes);
-    size_t done = 0;
-    for (size_t i = 0; done < bytes; ++i) {
-        const size_t n = std::min(pattern[i % pattern.size()], bytes - done);
-        s.Read(out.data() + done, n);
-        done += n;
-    }
+    for (size_t i = 0, done = 0, n; done < bytes; done += n, ++i)
+        s.Read(out.data() + done, n = std::min(pattern[i % pattern.size()], bytes - done));
     return out;
 }
 
