@@ -5,7 +5,6 @@
 #pragma once
 
 #include <cstdint>
-#include <cstring>
 #include <vector>
 
 #include "acquisition/mode_buffers.h"
@@ -18,8 +17,6 @@
 
 namespace demodtest {
 
-inline void WriteDefaultSettings() { mvdab::WriteReceiverSettings(); }
-
 // The pool lives for the whole test program; each set-up lays it out anew.
 inline std::vector<uint8_t>& Pool() {
     static std::vector<uint8_t> pool(mvdab::kWorkingPoolBytes);
@@ -31,7 +28,7 @@ inline std::vector<uint8_t>& Pool() {
 // frequency correction 0. Returns false if the DFT service failed.
 inline bool SetUpMode(int32_t m) {
     using namespace mvdab;
-    WriteDefaultSettings();
+    WriteReceiverSettings();
     std::vector<uint8_t>& pool = Pool();
     workBlocks = WorkBlocks{};
     workBlocks.workingPool = pool.data();

@@ -1,5 +1,5 @@
-// The DFT service against a direct transform, and the sample rotation against
-// direct sine and cosine.
+// The DFT service against a direct transform, its refusals, and the sample
+// rotation against direct sine and cosine.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -22,60 +22,37 @@ std::vector<float> RandomSignal(int32_t n, uint32_t seed) {
     return v;
 }
 
-std::vector<cd> DirectDft(const std::vector<float>& x, int32_t n, int sign) {
-    std::vector<cd> out(n);
-    for (int32_t b = 0; b < n; ++b) {
-        cd sum = 0.0;
-        for (int32_t i = 0; i < n; ++i) {
-            const double angle = sign * 2.0 * M_PI * static_cast<double>((static_cast<int64_t>(b) * i) % n) / n;
-            sum += cd(x[2 * i], x[2 * i + 1]) * cd(std::cos(angle), std::sin(angle));
-        }
-        out[b] = sum;
-    }
-    return out;
-}
+// Forward (unscaled, natural bin order: negative frequencies in the upper
+// half) against the direct sum, then backward, which must multiply by N. The
+// buffer is 8- but not 16-byte aligned, as regions in the pool may be.
+class DftLength : public ::testing::TestWithParam<int32_t> {};
 
-class DftLength : public ::testing::TestWithParam<int32_t> {
-protected:
-    void SetUp() override { ASSERT_TRUE(DftSucceeded(CreateDftPlan(&plan, GetParam()))); }
-    void TearDown() override { FreeDftPlan(&plan); }
-    DftPlan plan{};
-};
-
-TEST_P(DftLength, MatchesDirectTransformUnscaledInPlaceOnUnalignedBuffer) {
+TEST_P(DftLength, MatchesDirectTransformInPlaceOnUnalignedBuffer) {
     const int32_t n = GetParam();
+    DftPlan plan{};
+    ASSERT_TRUE(DftSucceeded(CreateDftPlan(&plan, n)));
     ASSERT_TRUE(DftSucceeded(CommitDftPlan(&plan)));
     const std::vector<float> input = RandomSignal(n, 7u + n);
-    // One float pair of offset: regions in the pool sit at any multiple of 8 bytes.
     std::vector<float> storage(2 * n + 2);
     float* buffer = storage.data() + 2 * (reinterpret_cast<uintptr_t>(storage.data()) % 16 == 0 ? 1 : 0);
     std::copy(input.begin(), input.end(), buffer);
 
     ASSERT_TRUE(DftSucceeded(ForwardDft(&plan, buffer)));
-    const std::vector<cd> forward = DirectDft(input, n, -1);
     double worst = 0.0;
-    for (int32_t b = 0; b < n; ++b) worst = std::max(worst, std::abs(cd(buffer[2 * b], buffer[2 * b + 1]) - forward[b]));
+    for (int32_t b = 0; b < n; ++b) {
+        cd sum = 0.0;
+        for (int32_t i = 0; i < n; ++i)
+            sum += cd(input[2 * i], input[2 * i + 1]) *
+                   std::polar(1.0, -2.0 * M_PI * static_cast<double>((static_cast<int64_t>(b) * i) % n) / n);
+        worst = std::max(worst, std::abs(cd(buffer[2 * b], buffer[2 * b + 1]) - sum));
+    }
     EXPECT_LT(worst, 1e-4 * 30.0 * n);
 
     ASSERT_TRUE(DftSucceeded(BackwardDft(&plan, buffer)));
     worst = 0.0;
     for (int32_t i = 0; i < 2 * n; ++i) worst = std::max(worst, std::abs(buffer[i] - n * static_cast<double>(input[i])));
-    EXPECT_LT(worst, 1e-4 * 30.0 * n) << "forward then backward must multiply by N";
-}
-
-TEST_P(DftLength, NaturalOrderPutsNegativeFrequenciesInUpperHalf) {
-    const int32_t n = GetParam();
-    ASSERT_TRUE(DftSucceeded(CommitDftPlan(&plan)));
-    std::vector<float> buffer(2 * n);
-    const int32_t bin = 5;
-    for (int32_t i = 0; i < n; ++i) {
-        const double angle = -2.0 * M_PI * bin * i / n;  // frequency -5 bins
-        buffer[2 * i] = static_cast<float>(std::cos(angle));
-        buffer[2 * i + 1] = static_cast<float>(std::sin(angle));
-    }
-    ASSERT_TRUE(DftSucceeded(ForwardDft(&plan, buffer.data())));
-    EXPECT_NEAR(buffer[2 * (n - bin)], n, 1e-3 * n);
-    EXPECT_NEAR(buffer[2 * bin], 0.0, 1e-3 * n);
+    EXPECT_LT(worst, 1e-4 * 30.0 * n);
+    FreeDftPlan(&plan);
 }
 
 INSTANTIATE_TEST_SUITE_P(ModeLengths, DftLength, ::testing::Values(2048, 512, 256, 1024));
@@ -103,7 +80,6 @@ TEST(DftPlanLifecycle, RefusesWhatItCannotServe) {
     EXPECT_EQ(plan.committed, 0);
     ASSERT_TRUE(DftSucceeded(CreateDftPlan(&plan, 2048)));
     ASSERT_TRUE(DftSucceeded(CommitDftPlan(&plan)));
-    EXPECT_EQ(plan.length, 2048);
     EXPECT_TRUE(DftSucceeded(FreeDftPlan(&plan)));
     EXPECT_TRUE(DftSucceeded(FreeDftPlan(&plan)));
 }
@@ -114,8 +90,8 @@ TEST(RotateSamples, FollowsDirectSineAndCosineOver2048Samples) {
     const int32_t n = 2048;
     const std::vector<float> input = RandomSignal(n, 3);
     const double cases[][2] = {
-        {0.0, 0.0},          {1.0, 2.0e-5},     {5.9, -0.0031},  {3.0, 0.7853981},
-        {0.25, 2.0943951},   {6.2, -3.1},       {2.0, 1.0e-9},   {0.0, 0.0981747},
+        {0.0, 0.0},        {1.0, 2.0e-5}, {5.9, -0.0031}, {3.0, 0.7853981},
+        {0.25, 2.0943951}, {6.2, -3.1},   {2.0, 1.0e-9},  {0.0, 0.0981747},
     };
     for (const auto& c : cases) {
         std::vector<float> rotated = input;
@@ -128,20 +104,6 @@ TEST(RotateSamples, FollowsDirectSineAndCosineOver2048Samples) {
         }
         EXPECT_LT(worst, 2e-4) << "phase " << c[0] << " increment " << c[1];
     }
-}
-
-TEST(RotateSamples, PositiveIncrementLiftsTheFrequency) {
-    const int32_t n = 256;
-    std::vector<float> samples(2 * n);
-    for (int32_t i = 0; i < n; ++i) samples[2 * i] = 1.0f;  // DC
-    const double increment = 2.0 * M_PI * 3 / n;            // +3 bins
-    RotateSamples(samples.data(), n, 0.0, increment);
-    DftPlan plan{};
-    ASSERT_TRUE(DftSucceeded(CreateDftPlan(&plan, n)));
-    ASSERT_TRUE(DftSucceeded(CommitDftPlan(&plan)));
-    ASSERT_TRUE(DftSucceeded(ForwardDft(&plan, samples.data())));
-    EXPECT_NEAR(samples[2 * 3], n, 1e-2 * n);
-    FreeDftPlan(&plan);
 }
 
 }  // namespace
