@@ -1,17 +1,18 @@
 // Acquisition from nothing on transmitted signals: mode, frame position and
 // frequency error found by the frame steps, in every transmission mode,
 // through noise lead-ins, random start positions, carrier offsets, noise and
-// multipath.
+// multipath; a failing DFT plan, uneven reads and re-tunes on the way.
 //
-// MVDAB_LONG_TESTS=1 adds the sweeps that print tables: IqFrames from tuning
-// to tracking over 20 seeds per mode, success against SNR and multipath.
+// MVDAB_LONG_TESTS=1 adds a sweep that prints a table: success and IqFrames
+// to tracking against lead-in, SNR, clock offset and multipath.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <string>
+#include <cstring>
+#include <tuple>
 #include <vector>
 
 #include "acquisition/coarse_frame_search.h"
@@ -27,70 +28,41 @@ namespace {
 
 constexpr int32_t kTuneKhz = 227360;
 constexpr int32_t kBackoffSamples[4] = {240, 60, 30, 120};
-constexpr double kCarrierSpacingHz[4] = {1000.0, 4000.0, 2048000.0 / 256, 2000.0};
-constexpr double kSampleRate = 2048000.0;
+constexpr double kSpacingHz[4] = {1000.0, 4000.0, 8000.0, 2000.0};
 
-bool LongTests() {
-    const char* v = std::getenv("MVDAB_LONG_TESTS");
-    return v != nullptr && std::string(v) == "1";
-}
-
-// What one acquisition reached, read at the frame step that entered state 3
-// (before any tracked frame has moved the estimates).
+// What one acquisition reached, read at the frame step that entered state 3.
 struct Acquisition {
-    bool tracked = false;          // state 3 reached
-    int32_t framesToTrack = -1;    // IqFrames pushed until then, the tuning frame included
-    int32_t decidedMode = -1;      // transmissionMode
-    int64_t positionError = 0;     // samples between the frame position and where it should be
-    double frequencyError = 0.0;   // residual carrier offset after correction, in carrier spacings
-    int32_t integerShift = 0;      // best shift of the entry, bins
-    int32_t restarts = 0;          // hold-offs passed on the way
+    bool tracked = false;
+    int32_t framesToTrack = -1;   // IqFrames pushed until then
+    int32_t decidedMode = -1;
+    int64_t positionError = 0;    // samples between the frame position and the true one
+    double frequencyError = 0.0;  // residual carrier offset after correction, in carrier spacings
+    int32_t integerShift = 0;
 };
 
-// Pushes IqFrames of `signal` into a tuned receiver until state 3 or
-// `maxFrames`. `signalStart`: the harness's frame count when the first
-// IqFrame of `signal` was pushed; -1 for now.
+// Pushes IqFrames into a tuned receiver until state 3 or `maxFrames`.
+// `signalStart`: the harness's frame count when the signal's first IqFrame
+// was pushed; -1 for now.
 Acquisition Continue(test::FrameHarness& h, test::DabSignal& signal, int m, double cfoHz, int32_t maxFrames,
                      int64_t signalStart = -1) {
     if (signalStart < 0) signalStart = h.frames();
     Acquisition a;
     std::vector<uint8_t> frame(kIqFrameBytes);
-    int32_t previousState = pipeline.acquisitionState;
-    for (int32_t f = 1; f <= maxFrames; ++f) {
+    for (int32_t f = 1; f <= maxFrames && !a.tracked; ++f) {
         signal.NextIqFrame(frame.data());
         h.PushIqFrame(frame.data());
-        if (pipeline.acquisitionState == -1 && previousState != -1) ++a.restarts;
-        previousState = pipeline.acquisitionState;
         if (pipeline.acquisitionState != 3) continue;
-        a.tracked = true;
-        a.framesToTrack = f;
-        a.decidedMode = mode.transmissionMode;
-        a.integerShift = frameEntry.integerShift;
+        a = {true, f, mode.transmissionMode, 0, 0.0, frameEntry.integerShift};
         // The correction that takes the offset out is the negative offset.
-        const double correctionHz = frequencyCorrection.samplePhaseIncrement * kSampleRate / kTwoPi;
-        a.frequencyError = (correctionHz + cfoHz) / kCarrierSpacingHz[m - 1];
-        if (a.decidedMode == m - 1) {
-            // framePosition is counted from historyBase, the start of the
-            // oldest of H slots: stream sample (pushed - H) x 120,320.
-            const int64_t depth = m == 1 ? 3 : 2;
-            const int64_t period = signal.FramePeriod();
-            const int64_t at = (h.frames() - signalStart - depth) * kIqFrameSamples + pipeline.framePosition / 2;
-            int64_t e = (at + kBackoffSamples[m - 1] + 1 - signal.PhaseReferencePhase()) % period;
-            if (e < 0) e += period;
-            if (e >= period / 2) e -= period;
-            a.positionError = e;
-        }
-        break;
+        a.frequencyError = (frequencyCorrection.samplePhaseIncrement * 2048000.0 / kTwoPi + cfoHz) / kSpacingHz[m - 1];
+        if (a.decidedMode != m - 1) break;
+        // framePosition counts from the oldest of H history slots.
+        const int64_t depth = m == 1 ? 3 : 2, period = signal.Geometry().frameSamples;
+        const int64_t at = (h.frames() - signalStart - depth) * kIqFrameSamples + pipeline.framePosition / 2;
+        int64_t e = ((at + kBackoffSamples[m - 1] + 1 - signal.PhaseReferencePhase()) % period + period) % period;
+        a.positionError = e >= period / 2 ? e - period : e;
     }
     return a;
-}
-
-// Tunes a fresh receiver to `signal`, from its first byte on.
-Acquisition Acquire(test::DabSignal& signal, int m, double cfoHz, int32_t maxFrames, int32_t tunerType = 1) {
-    test::FrameHarness h(tunerType);
-    if (!h.ready()) return Acquisition{};
-    h.Tune(kTuneKhz);
-    return Continue(h, signal, m, cfoHz, maxFrames);
 }
 
 gen::ChannelParams Channel(uint64_t seed, double snrDb, double cfoHz, double leadIn) {
@@ -103,49 +75,79 @@ gen::ChannelParams Channel(uint64_t seed, double snrDb, double cfoHz, double lea
     return c;
 }
 
-// A carrier offset of the seed, within the reach of every mode's search.
-double OffsetOfSeed(int m, uint64_t seed) {
-    const double spacing = kCarrierSpacingHz[m - 1];
-    const double carriers = static_cast<double>(static_cast<int64_t>(seed * 7919 % 41) - 20);  // -20..20
-    const double fraction = static_cast<double>(seed * 104729 % 90) / 100.0 - 0.45;           // -0.45..0.44
-    return (carriers + fraction) * spacing;
+// Tunes a fresh receiver and acquires `channel` from its first byte on.
+Acquisition Acquire(int m, const gen::ChannelParams& channel, uint64_t bitsSeed, int32_t maxFrames,
+                    int32_t tunerType = 1) {
+    test::DabSignal signal(m, channel, bitsSeed);
+    test::FrameHarness h(tunerType);
+    if (!h.ready()) return Acquisition{};
+    h.Tune(kTuneKhz);
+    return Continue(h, signal, m, channel.frequencyOffsetHz, maxFrames);
 }
 
-TEST(AcquisitionOnSignal, EveryModeFromNoiseLeadInAndRandomStart) {
+// A carrier offset of the seed, -20.45 .. 20.44 carrier spacings.
+double OffsetOfSeed(int m, uint64_t seed) {
+    const double carriers = double(int64_t(seed * 7919 % 41) - 20) + double(seed * 104729 % 90) / 100.0 - 0.45;
+    return carriers * kSpacingHz[m - 1];
+}
+
+TEST(AcquisitionOnSignal, LocksInEveryModeWithTheRightPositionAndFrequency) {
+    struct Case {
+        int m;
+        double cfo, snr, leadIn;
+        uint64_t seed, bits;
+        int32_t tuner, maxPosition;  // maxPosition < 0: not checked
+        const char* what;
+    };
+    std::vector<Case> cases;
     for (int m = 1; m <= 4; ++m) {
-        for (uint64_t seed : {1u, 2u}) {
-            const double cfo = OffsetOfSeed(m, seed);
-            test::DabSignal signal(m, Channel(seed, 15.0, cfo, 0.1 * double(seed)), seed);
-            const Acquisition a = Acquire(signal, m, cfo, 40);
-            SCOPED_TRACE(::testing::Message() << "mode " << m << " seed " << seed << " cfo " << cfo << " Hz");
-            ASSERT_TRUE(a.tracked);
-            EXPECT_EQ(a.decidedMode, m - 1);
-            EXPECT_LT(std::abs(a.positionError), 80) << "samples";
-            EXPECT_LT(std::abs(a.frequencyError), 0.1) << "carrier spacings, shift " << a.integerShift;
+        for (uint64_t seed : {1u, 2u})
+            cases.push_back({m, OffsetOfSeed(m, seed), 15, 0.1 * double(seed), seed, seed, 1, 79, "noise lead-in"});
+        // Offsets near half a spacing put the cyclic-prefix angle near +-pi,
+        // where noise puts single symbols on either side.
+        for (double carriers : {-0.47, 4.48, -7.46})
+            cases.push_back({m, carriers * kSpacingHz[m - 1], 10, 0, 200u + m, 3u + m, 1, -1, "near half a spacing"});
+        // Tuner type 2 (bandwidth code 1): no prefilter delay in the envelope,
+        // the null lands on the sample.
+        cases.push_back({m, OffsetOfSeed(m, 30 + m), 15, 0.05, 30u + m, 30u + m, 2, 2, "no prefilter"});
+    }
+    for (const Case& c : cases) {
+        SCOPED_TRACE(::testing::Message() << c.what << ", mode " << c.m << " seed " << c.seed << " cfo " << c.cfo);
+        const Acquisition a = Acquire(c.m, Channel(c.seed, c.snr, c.cfo, c.leadIn), c.bits, 40, c.tuner);
+        ASSERT_TRUE(a.tracked);
+        EXPECT_EQ(a.decidedMode, c.m - 1);
+        if (c.maxPosition >= 0) {
+            EXPECT_LE(std::abs(a.positionError), c.maxPosition);
         }
+        EXPECT_LT(std::abs(a.frequencyError), 0.1) << "shift " << a.integerShift;
+    }
+    // Without the prefilter its history stays untouched.
+    test::FrameHarness h(2);
+    ASSERT_TRUE(h.ready());
+    h.Tune(kTuneKhz);
+    test::DabSignal signal(2, Channel(4, 15.0, 0.0, 0.0), 4);
+    std::vector<uint8_t> frame(kIqFrameBytes);
+    for (int f = 0; f < 3; ++f) {
+        signal.NextIqFrame(frame.data());
+        h.PushIqFrame(frame.data());
+        for (int i = 0; i < 6; ++i) ASSERT_EQ(workBlocks.filterI[i], 0.0f) << "frame " << f;
     }
 }
 
-// Shifts the integer search reaches, in bins: a carrier offset of -s carrier
-// spacings needs the shift s.
-constexpr int32_t kLowestShift[4] = {-224, -96, -32, -96};
-constexpr int32_t kHighestShift[4] = {199, 49, 31, 99};
-
 TEST(AcquisitionOnSignal, IntegerShiftAcrossTheReachableRangeAndWrongJustOutside) {
+    // Shifts the search reaches, in bins: an offset of -s spacings needs shift s.
+    constexpr int32_t kLowest[4] = {-224, -96, -32, -96}, kHighest[4] = {199, 49, 31, 99};
     for (int m = 1; m <= 4; ++m) {
-        const int32_t lo = kLowestShift[m - 1], hi = kHighestShift[m - 1];
-        const double spacing = kCarrierSpacingHz[m - 1];
+        const int32_t lo = kLowest[m - 1], hi = kHighest[m - 1];
         for (int32_t s : {lo, -33, 32, hi, lo - 1, hi + 1}) {
             if (s < lo - 1 || s > hi + 1) continue;
-            const bool reachable = s >= lo && s <= hi;
             // A fraction on top, of either sign, for the cyclic-prefix estimate.
-            const double cfo = (-s + (s & 1 ? 0.3 : -0.3)) * spacing;
-            test::DabSignal signal(m, Channel(uint64_t(100 + s), 20.0, cfo, 0.0), uint64_t(7 + m));
-            const Acquisition a = Acquire(signal, m, cfo, 30);
+            const double cfo = (-s + (s & 1 ? 0.3 : -0.3)) * kSpacingHz[m - 1];
+            const Acquisition a = Acquire(m, Channel(uint64_t(100 + s), 20.0, cfo, 0.0), uint64_t(7 + m), 30);
             SCOPED_TRACE(::testing::Message() << "mode " << m << " shift " << s);
             ASSERT_TRUE(a.tracked);
             EXPECT_EQ(a.decidedMode, m - 1);
-            if (reachable) {
+            if (s >= lo && s <= hi) {
                 EXPECT_EQ(a.integerShift, s);
                 EXPECT_LT(std::abs(a.frequencyError), 0.1);
             } else {
@@ -156,10 +158,12 @@ TEST(AcquisitionOnSignal, IntegerShiftAcrossTheReachableRangeAndWrongJustOutside
     }
 }
 
-TEST(AcquisitionOnSignal, AFailingDftServiceReturnsToACleanSearch) {
-    const int m = 2;
-    const double cfo = 3.2 * kCarrierSpacingHz[m - 1];
-    test::DabSignal signal(m, Channel(5, 20.0, cfo, 0.0), 5);
+// One receiver through the life of its DFT plan: a plan that fails to come
+// returns to a clean search; the next attempt locks mode II; a re-tune to mode
+// I replaces plan and layout; a re-tune to mode I again keeps them.
+TEST(AcquisitionOnSignal, AFailingDftServiceReturnsToACleanSearchAndRetunesReplaceThePlan) {
+    const double cfo = 3.2 * kSpacingHz[1];
+    test::DabSignal signal(2, Channel(5, 20.0, cfo, 0.0), 5);
     test::FrameHarness h;
     ASSERT_TRUE(h.ready());
     h.Tune(kTuneKhz);
@@ -186,42 +190,45 @@ TEST(AcquisitionOnSignal, AFailingDftServiceReturnsToACleanSearch) {
     EXPECT_EQ(pipeline.resyncRequest, 0);
 
     // The next attempt gets its plan and locks as usual.
-    const Acquisition a = Continue(h, signal, m, cfo, 30, 0);
+    Acquisition a = Continue(h, signal, 2, cfo, 30, 0);
     ASSERT_TRUE(a.tracked);
     EXPECT_LT(std::abs(a.positionError), 80);
-    EXPECT_EQ(mode.configuredMode, m - 1);
+    EXPECT_LT(std::abs(a.frequencyError), 0.1);
+    EXPECT_EQ(mode.configuredMode, 1);
     EXPECT_EQ(dftPlan.committed, 1);
+    EXPECT_EQ(dftPlan.length, 512);
+    EXPECT_EQ(workBlocks.historyBase, workBlocks.middleSlot);
+
+    auto lockToModeI = [&](int32_t khz, uint64_t seed) {
+        h.Tune(khz);
+        test::DabSignal modeI(1, Channel(seed, 15.0, OffsetOfSeed(1, seed), 0.0), seed);
+        return Continue(h, modeI, 1, OffsetOfSeed(1, seed), 30);
+    };
+    // Mode I needs the third history slot and a plan of another length.
+    a = lockToModeI(225648, 42);
+    ASSERT_TRUE(a.tracked);
+    EXPECT_EQ(a.decidedMode, 0);
+    EXPECT_EQ(mode.configuredMode, 0);
+    EXPECT_EQ(dftPlan.length, 2048);
+    EXPECT_EQ(workBlocks.historyBase, workBlocks.oldestSlot);
+    EXPECT_LT(std::abs(a.positionError), 80);
+    EXPECT_LT(std::abs(a.frequencyError), 0.1);
+
+    // The same mode again: the plan and the layout stay as they are.
+    const void* plan = dftPlan.forward;
+    const float* reference = modeBuffers.referenceSymbol;
+    a = lockToModeI(227360, 43);
+    ASSERT_TRUE(a.tracked);
+    EXPECT_EQ(dftPlan.forward, plan);
+    EXPECT_EQ(modeBuffers.referenceSymbol, reference);
     EXPECT_LT(std::abs(a.frequencyError), 0.1);
 }
 
-TEST(AcquisitionOnSignal, OffsetsNearHalfACarrierSpacing) {
-    // The cyclic-prefix angle then sits near +-pi, where noise puts single
-    // symbols on either side.
-    for (int m = 1; m <= 4; ++m) {
-        for (double carriers : {-0.47, 4.48, -7.46}) {
-            const double cfo = carriers * kCarrierSpacingHz[m - 1];
-            test::DabSignal signal(m, Channel(uint64_t(200 + m), 10.0, cfo, 0.0), uint64_t(3 + m));
-            const Acquisition a = Acquire(signal, m, cfo, 30);
-            SCOPED_TRACE(::testing::Message() << "mode " << m << " offset " << carriers << " spacings");
-            ASSERT_TRUE(a.tracked);
-            EXPECT_EQ(a.decidedMode, m - 1);
-            EXPECT_LT(std::abs(a.frequencyError), 0.1) << "shift " << a.integerShift;
-        }
-    }
-}
-
 TEST(AcquisitionOnSignal, ReadsOfAnySizeGiveTheSameLock) {
-    // The same signal once as whole IqFrames, once as a device's reads of
-    // uneven sizes: the same frame steps, the same position and correction.
-    const int m = 4;
-    const double cfo = -12.3 * kCarrierSpacingHz[m - 1];
-    struct Lock {
-        int64_t frames;
-        int32_t position;
-        double increment;
-    };
-    auto lockOf = [&](bool uneven) {
-        test::DabSignal signal(m, Channel(9, 12.0, cfo, 0.05), 9);
+    // The same signal as whole IqFrames and as a device's reads of uneven
+    // sizes: the same frame steps, the same position and correction.
+    auto lockOf = [](bool uneven) {
+        test::DabSignal signal(4, Channel(9, 12.0, -12.3 * kSpacingHz[3], 0.05), 9);
         test::FrameHarness h;
         h.Tune(kTuneKhz);
         std::vector<uint8_t> bytes(kIqFrameBytes);
@@ -236,175 +243,66 @@ TEST(AcquisitionOnSignal, ReadsOfAnySizeGiveTheSameLock) {
             const int32_t count = int32_t(2 + (size & ~1u));
             signal.Read(bytes.data(), size_t(count));
             // Stop at the step that entered state 3, as the frame pushes do.
-            for (int32_t done = 0; done < count && pipeline.acquisitionState != 3;) {
-                const int32_t n = std::min<int32_t>(count - done, 2 * 4096);
-                h.PushBytes(bytes.data() + done, n);
-                done += n;
-            }
+            for (int32_t done = 0; done < count && pipeline.acquisitionState != 3; done += 2 * 4096)
+                h.PushBytes(bytes.data() + done, std::min<int32_t>(count - done, 2 * 4096));
         }
-        return Lock{h.frames(), pipeline.framePosition, frequencyCorrection.samplePhaseIncrement};
+        return std::make_tuple(h.frames(), pipeline.framePosition, frequencyCorrection.samplePhaseIncrement);
     };
-    const Lock whole = lockOf(false);
-    const Lock reads = lockOf(true);
-    ASSERT_LT(whole.frames, 30);
-    EXPECT_EQ(reads.frames, whole.frames);
-    EXPECT_EQ(reads.position, whole.position);
-    EXPECT_EQ(reads.increment, whole.increment);
+    const auto whole = lockOf(false);
+    ASSERT_LT(std::get<0>(whole), 30);
+    EXPECT_EQ(lockOf(true), whole);
 }
 
-TEST(AcquisitionOnSignal, WithoutPrefilterForBandwidthCodeOne) {
-    // Tuner type 2 is tuned with bandwidth code 1: the power envelope is
-    // taken from the raw samples and the prefilter history is left alone.
-    {
-        test::FrameHarness h(2);
-        ASSERT_TRUE(h.ready());
-        h.Tune(kTuneKhz);
-        test::DabSignal signal(2, Channel(4, 15.0, 0.0, 0.0), 4);
-        std::vector<uint8_t> frame(kIqFrameBytes);
-        for (int f = 0; f < 3; ++f) {
-            signal.NextIqFrame(frame.data());
-            h.PushIqFrame(frame.data());
-            for (int i = 0; i < 6; ++i) ASSERT_EQ(workBlocks.filterI[i], 0.0f) << "frame " << f;
-        }
-    }
-    for (int m = 1; m <= 4; ++m) {
-        const double cfo = OffsetOfSeed(m, 30 + m);
-        test::DabSignal signal(m, Channel(30 + m, 15.0, cfo, 0.05), 30 + m);
-        const Acquisition a = Acquire(signal, m, cfo, 30, 2);
-        SCOPED_TRACE(::testing::Message() << "mode " << m);
-        ASSERT_TRUE(a.tracked);
-        EXPECT_EQ(a.decidedMode, m - 1);
-        // No filter delay in the envelope: the null lands on the sample.
-        EXPECT_LE(std::abs(a.positionError), 2);
-        EXPECT_LT(std::abs(a.frequencyError), 0.1);
-    }
+bool LongTests() {
+    const char* v = std::getenv("MVDAB_LONG_TESTS");
+    return v != nullptr && std::strcmp(v, "1") == 0;
 }
 
-TEST(AcquisitionOnSignal, RetuneToAnotherModeReplacesThePlanAndTheSameModeKeepsIt) {
-    test::FrameHarness h;
-    ASSERT_TRUE(h.ready());
-    auto lockTo = [&](int m, int32_t khz, uint64_t seed) {
-        h.Tune(khz);
-        const double cfo = OffsetOfSeed(m, seed);
-        test::DabSignal signal(m, Channel(seed, 15.0, cfo, 0.0), seed);
-        return Continue(h, signal, m, cfo, 30);
+// Acquisitions within 60 IqFrames under each condition, in every mode: the
+// successes (right mode, frequency within 0.1 spacing), IqFrames to state 3
+// min/median/max, worst |position| (under a clock offset this also counts the
+// clock's drift against the nominal frame grid) and worst |frequency|. With a
+// lead-in (15 dB, offsets of +-20.5 carriers) every seed must succeed.
+TEST(AcquisitionSweep, SuccessAgainstLeadInNoiseClockAndMultipath) {
+    if (!LongTests()) GTEST_SKIP() << "MVDAB_LONG_TESTS=1";
+    struct Condition {
+        double snr, ppm, leadIn;
+        const char* multipath;
+        uint64_t seeds, seedBase;
     };
-    Acquisition a = lockTo(2, 227360, 41);
-    ASSERT_TRUE(a.tracked);
-    EXPECT_EQ(dftPlan.length, 512);
-    EXPECT_EQ(workBlocks.historyBase, workBlocks.middleSlot);
-
-    // Mode I needs the third history slot and a plan of another length.
-    a = lockTo(1, 225648, 42);
-    ASSERT_TRUE(a.tracked);
-    EXPECT_EQ(a.decidedMode, 0);
-    EXPECT_EQ(mode.configuredMode, 0);
-    EXPECT_EQ(dftPlan.length, 2048);
-    EXPECT_EQ(workBlocks.historyBase, workBlocks.oldestSlot);
-    EXPECT_LT(std::abs(a.positionError), 80);
-    EXPECT_LT(std::abs(a.frequencyError), 0.1);
-
-    // The same mode again: the plan and the layout stay as they are.
-    const void* plan = dftPlan.forward;
-    const float* reference = modeBuffers.referenceSymbol;
-    a = lockTo(1, 227360, 43);
-    ASSERT_TRUE(a.tracked);
-    EXPECT_EQ(dftPlan.forward, plan);
-    EXPECT_EQ(modeBuffers.referenceSymbol, reference);
-    EXPECT_LT(std::abs(a.frequencyError), 0.1);
-}
-
-// Outcome of many acquisitions under one condition.
-struct SweepRow {
-    int32_t runs = 0;
-    int32_t successes = 0;               // state 3, right mode, frequency within 0.1 spacing
-    std::vector<int32_t> frames;         // IqFrames to state 3 of the successes
-    int64_t worstPosition = 0;           // samples, over the successes
-    double worstFrequency = 0.0;         // carrier spacings, over the successes
-};
-
-void Record(SweepRow& row, const Acquisition& a, int m) {
-    ++row.runs;
-    if (!a.tracked || a.decidedMode != m - 1 || std::abs(a.frequencyError) >= 0.1) return;
-    ++row.successes;
-    row.frames.push_back(a.framesToTrack);
-    row.worstPosition = std::max<int64_t>(row.worstPosition, std::abs(a.positionError));
-    row.worstFrequency = std::max(row.worstFrequency, std::abs(a.frequencyError));
-}
-
-std::string Describe(SweepRow row) {
-    char text[160];
-    if (row.frames.empty()) {
-        std::snprintf(text, sizeof text, "%3d/%-3d", row.successes, row.runs);
-        return text;
-    }
-    std::sort(row.frames.begin(), row.frames.end());
-    std::snprintf(text, sizeof text, "%3d/%-3d frames %2d/%2d/%2d  |pos| <= %lld  |df| <= %.3f", row.successes,
-                  row.runs, row.frames.front(), row.frames[row.frames.size() / 2], row.frames.back(),
-                  static_cast<long long>(row.worstPosition), row.worstFrequency);
-    return text;
-}
-
-// Budget of one acquisition: three rounds of search and hold-off and more.
-constexpr int32_t kSweepFrames = 60;
-
-TEST(AcquisitionSweep, IqFramesFromTuningToTrackingOverTwentySeeds) {
-    if (!LongTests()) GTEST_SKIP() << "MVDAB_LONG_TESTS=1";
-    std::printf("IqFrames from tuning to state 3 (0.1 s noise lead-in, random start, 15 dB, offsets of +-20.5 carriers)\n");
-    std::printf("mode  success  frames min/median/max\n");
+    std::vector<Condition> conditions = {{15, 0, 0.1, nullptr, 20, 0}};
+    for (int snr = 0; snr <= 20; snr += 2) conditions.push_back({double(snr), 0, 0, nullptr, 10, 50});
+    for (double ppm : {-100.0, 100.0}) conditions.push_back({15, ppm, 0, nullptr, 10, 110});
+    for (const char* profile : {"urban", "sfn-long"})
+        for (int snr : {10, 20}) conditions.push_back({double(snr), 0, 0, profile, 10, 80});
     for (int m = 1; m <= 4; ++m) {
-        SweepRow row;
-        for (uint64_t seed = 1; seed <= 20; ++seed) {
-            const double cfo = OffsetOfSeed(m, seed);
-            test::DabSignal signal(m, Channel(seed, 15.0, cfo, 0.1), seed);
-            Record(row, Acquire(signal, m, cfo, kSweepFrames), m);
-        }
-        std::printf("%4d  %s\n", m, Describe(row).c_str());
-        EXPECT_EQ(row.successes, row.runs) << "mode " << m;
-    }
-}
-
-TEST(AcquisitionSweep, SuccessAgainstNoiseAndMultipath) {
-    if (!LongTests()) GTEST_SKIP() << "MVDAB_LONG_TESTS=1";
-    constexpr uint64_t kSeeds = 10;
-    std::printf("State 3 with the right mode and frequency within %d IqFrames, %d seeds, random start\n",
-                kSweepFrames, int(kSeeds));
-    for (int m = 1; m <= 4; ++m) {
-        std::printf("mode %d\n", m);
-        for (int snr = 0; snr <= 20; snr += 2) {
-            SweepRow row;
-            for (uint64_t seed = 1; seed <= kSeeds; ++seed) {
-                const double cfo = OffsetOfSeed(m, seed + 50);
-                test::DabSignal signal(m, Channel(seed + 50, snr, cfo, 0.0), seed);
-                Record(row, Acquire(signal, m, cfo, kSweepFrames), m);
+        for (const Condition& c : conditions) {
+            std::vector<int32_t> frames;
+            int64_t worstPosition = 0;
+            double worstFrequency = 0.0;
+            for (uint64_t seed = 1; seed <= c.seeds; ++seed) {
+                gen::ChannelParams channel =
+                    Channel(seed + c.seedBase, c.snr, OffsetOfSeed(m, seed + c.seedBase), c.leadIn);
+                channel.sampleClockPpm = c.ppm;
+                if (c.multipath != nullptr) gen::MultipathProfile(c.multipath, &channel.taps);
+                const Acquisition a = Acquire(m, channel, seed, 60);
+                if (!a.tracked || a.decidedMode != m - 1 || std::abs(a.frequencyError) >= 0.1) continue;
+                frames.push_back(a.framesToTrack);
+                worstPosition = std::max<int64_t>(worstPosition, std::abs(a.positionError));
+                worstFrequency = std::max(worstFrequency, std::abs(a.frequencyError));
             }
-            std::printf("  AWGN %2d dB        %s\n", snr, Describe(row).c_str());
+            std::sort(frames.begin(), frames.end());
+            std::printf("mode %d %4.0f dB lead-in %.1f s clock %+4.0f ppm %-8s %3zu/%-3d", m, c.snr, c.leadIn, c.ppm,
+                        c.multipath != nullptr ? c.multipath : "", frames.size(), int(c.seeds));
+            if (!frames.empty()) {
+                std::printf("  frames %2d/%2d/%2d  |pos| <= %lld  |df| <= %.3f", frames.front(),
+                            frames[frames.size() / 2], frames.back(), static_cast<long long>(worstPosition),
+                            worstFrequency);
+            }
+            std::printf("\n");
             std::fflush(stdout);
-        }
-        for (double ppm : {-100.0, 100.0}) {
-            SweepRow row;
-            for (uint64_t seed = 1; seed <= kSeeds; ++seed) {
-                const double cfo = OffsetOfSeed(m, seed + 110);
-                gen::ChannelParams c = Channel(seed + 110, 15.0, cfo, 0.0);
-                c.sampleClockPpm = ppm;
-                test::DabSignal signal(m, c, seed);
-                Record(row, Acquire(signal, m, cfo, kSweepFrames), m);
-            }
-            // |pos| here also counts the drift of the clock against the
-            // nominal frame grid, not only the receiver's error.
-            std::printf("  clock %+4.0f ppm 15 dB %s\n", ppm, Describe(row).c_str());
-        }
-        for (const char* profile : {"urban", "sfn-long"}) {
-            for (int snr : {10, 20}) {
-                SweepRow row;
-                for (uint64_t seed = 1; seed <= kSeeds; ++seed) {
-                    const double cfo = OffsetOfSeed(m, seed + 80);
-                    gen::ChannelParams c = Channel(seed + 80, snr, cfo, 0.0);
-                    gen::MultipathProfile(profile, &c.taps);
-                    test::DabSignal signal(m, c, seed);
-                    Record(row, Acquire(signal, m, cfo, kSweepFrames), m);
-                }
-                std::printf("  %-8s %2d dB     %s\n", profile, snr, Describe(row).c_str());
+            if (c.leadIn > 0) {
+                EXPECT_EQ(frames.size(), c.seeds) << "mode " << m;
             }
         }
     }

@@ -6,71 +6,167 @@
 
 #include "generator/frame_transmitter.h"
 #include "receiver/receiver_state.h"
+#include "tests/support/frame_harness.h"
 
 namespace mvdab::test {
 
 namespace {
-
-// Input samples modulated per refill of the byte queue.
-constexpr size_t kChunkSamples = 32768;
-// Longest noise lead-in the channel model produces, in seconds.
-constexpr double kMaxLeadInSeconds = 10.0;
-
+constexpr int kTaps = 32;      // interpolator length, taps -15 .. +16 around the sample
+constexpr int kHalf = 16;
+constexpr int kPhases = 2048;  // fractional positions in the table
+constexpr double kPi = 3.14159265358979323846;
+constexpr double kRegisterPpmPerCode = 1.0 / 16.777216;
+constexpr double kMaxLeadInSeconds = 10.0;  // longest lead-in the channel model produces
 }  // namespace
 
-DabSignal::DabSignal(int mode, const gen::ChannelParams& channel, uint64_t bitsSeed)
-    : mode_(mode >= 1 && mode <= 4 ? mode : 1) {
-    transmitter_ = std::make_unique<gen::FrameTransmitter>(gen::MakeRandomFrameBits(mode_, bitsSeed), mode_);
-    channel_ = std::make_unique<gen::ChannelModel>(channel, transmitter_->MeanPower());
-    const double leadIn = std::min(channel.leadInSeconds, kMaxLeadInSeconds);
-    leadInSamples_ = leadIn > 0 ? std::llround(leadIn * gen::kChannelSampleRate) : 0;
-    clean_.resize(kChunkSamples);
-}
+double RegisterPpm() { return SampleRateRegister() * kRegisterPpmPerCode; }
+
+// Variable-rate resampler standing for a converter whose clock is off by
+// `ppm`: output sample k is the input at time t_k, t_{k+1} = t_k + 1/(1 + ppm
+// 1e-6). A windowed-sinc interpolator (32 taps, 2048 fractions) keeps the band
+// of a DAB signal clean to far below the noise of an 8-bit sample.
+class ConverterClock {
+public:
+    ConverterClock() : table_(kPhases * 2 * kTaps) {
+        // Row p: weights of taps j = -15 .. 16 for the fraction p/kPhases,
+        // each twice to line up with I and Q: sinc(j - f) under a Blackman
+        // window spanning the 32 taps.
+        for (int p = 0; p < kPhases; ++p) {
+            const double f = static_cast<double>(p) / kPhases;
+            for (int j = 0; j < kTaps; ++j) {
+                const double x = (j - (kHalf - 1)) - f;
+                const double sinc = std::fabs(x) < 1e-12 ? 1.0 : std::sin(kPi * x) / (kPi * x);
+                const double u = (x + kHalf) / (2.0 * kHalf);
+                const double window = 0.42 - 0.5 * std::cos(2 * kPi * u) + 0.08 * std::cos(4 * kPi * u);
+                table_[size_t(p * 2 * kTaps + 2 * j)] = table_[size_t(p * 2 * kTaps + 2 * j + 1)] =
+                    static_cast<float>(sinc * window);
+            }
+        }
+        // The first outputs look back before the first input: zeros there.
+        buffer_.assign(kHalf, std::complex<float>(0, 0));
+    }
+
+    void SetPpm(double ppm) { step_ = 1.0 / (1.0 + ppm * 1e-6); }
+    double Step() const { return step_; }
+    double NextInputTime() const { return time_; }
+    int64_t NextOutputIndex() const { return produced_; }
+
+    // Appends the output samples that `n` more input samples complete.
+    void Process(const std::complex<float>* in, size_t n, std::vector<std::complex<float>>& out) {
+        buffer_.insert(buffer_.end(), in, in + n);
+        const int64_t end = base_ + static_cast<int64_t>(buffer_.size());
+        for (;;) {
+            const double whole = std::floor(time_);
+            const int64_t i = static_cast<int64_t>(whole);
+            if (i + kHalf + 1 >= end) break;
+            // The nearest of the table's fractions: a timing step of at most 1/4096 sample.
+            int p = static_cast<int>((time_ - whole) * kPhases + 0.5);
+            const int64_t first = i + (p == kPhases ? 1 : 0) - (kHalf - 1) - base_;
+            if (p == kPhases) p = 0;
+            if (p == 0) {
+                // On the grid: the sample itself (the other weights are zero).
+                out.push_back(buffer_[size_t(first + kHalf - 1)]);
+            } else {
+                const float* w = &table_[size_t(p * 2 * kTaps)];
+                const float* x = reinterpret_cast<const float*>(&buffer_[size_t(first)]);
+                float acc[8] = {0, 0, 0, 0, 0, 0, 0, 0};  // even lanes I, odd lanes Q
+                for (int j = 0; j < 2 * kTaps; j += 8)
+                    for (int m = 0; m < 8; ++m) acc[m] += x[j + m] * w[j + m];
+                out.emplace_back((acc[0] + acc[2]) + (acc[4] + acc[6]), (acc[1] + acc[3]) + (acc[5] + acc[7]));
+            }
+            time_ += step_;
+            ++produced_;
+        }
+        // Keep what the next output still needs.
+        const int64_t keepFrom = static_cast<int64_t>(std::floor(time_)) - kHalf;
+        if (keepFrom > base_ + 4096) {
+            buffer_.erase(buffer_.begin(), buffer_.begin() + static_cast<std::ptrdiff_t>(keepFrom - base_));
+            base_ = keepFrom;
+        }
+    }
+
+private:
+    double step_ = 1.0;     // input samples per output sample
+    double time_ = 0.0;     // input time of the next output sample
+    int64_t produced_ = 0;  // output samples so far
+    int64_t base_ = -kHalf; // input index of buffer_[0]
+    std::vector<std::complex<float>> buffer_;
+    std::vector<float> table_;
+};
+
+DabSignal::DabSignal(int mode, const gen::ChannelParams& channel, uint64_t bitsSeed, int keptFrames)
+    : modulator_(mode),
+      source_(gen::MakeRandomFrameBits(modulator_.Geometry().mode, bitsSeed)),
+      converter_(std::make_unique<ConverterClock>()),
+      channel_(std::make_unique<gen::ChannelModel>(channel, modulator_.MeanFramePower())),
+      kept_(keptFrames),
+      leadInSamples_(std::llround(std::clamp(channel.leadInSeconds, 0.0, kMaxLeadInSeconds) * gen::kChannelSampleRate)),
+      frame_(size_t(modulator_.Geometry().frameSamples)) {}
 
 DabSignal::~DabSignal() = default;
 
-void DabSignal::Refill() {
-    pending_.clear();
-    pendingPos_ = 0;
-    // The channel may hold samples back (filters, dropped start): go on until
-    // something comes out.
-    while (pending_.empty()) {
-        transmitter_->Read(clean_.data(), clean_.size());
-        channel_->ProcessU8(clean_.data(), clean_.size(), pending_);
+void DabSignal::FollowRegister(double clockPpm) { converter_->SetPpm(clockPpm + RegisterPpm()); }
+
+void DabSignal::GenerateFrame() {
+    const gen::ModeGeometry& g = Geometry();
+    source_->NextFrame(frameBits_);
+    modulator_.ModulateFrame(frameBits_.data(), frame_.data());
+    // Where this frame's phase reference leaves the converter: its input time
+    // is the frame's start plus the null symbol.
+    const double input = static_cast<double>(frames_) * g.frameSamples + g.nullSamples;
+    keptStarts_.push_back(double(converter_->NextOutputIndex()) +
+                          (input - converter_->NextInputTime()) / converter_->Step());
+    keptBits_.push_back(frameBits_);
+    if (static_cast<int>(keptBits_.size()) > kept_) {
+        keptBits_.pop_front();
+        keptStarts_.pop_front();
     }
+    ++frames_;
+
+    converted_.clear();
+    converter_->Process(frame_.data(), frame_.size(), converted_);
+    channel_->ProcessU8(converted_.data(), converted_.size(), bytes_);
+    pending_.erase(pending_.begin(), pending_.begin() + static_cast<std::ptrdiff_t>(pendingPos_));
+    pendingPos_ = 0;
+    pending_.insert(pending_.end(), bytes_.begin(), bytes_.end());
 }
 
 void DabSignal::Read(uint8_t* out, size_t count) {
-    while (count > 0) {
-        if (pendingPos_ == pending_.size()) Refill();
-        const size_t n = std::min(count, pending_.size() - pendingPos_);
-        std::memcpy(out, pending_.data() + pendingPos_, n);
-        pendingPos_ += n;
-        out += n;
-        count -= n;
-    }
+    while (pending_.size() - pendingPos_ < count) GenerateFrame();
+    std::memcpy(out, pending_.data() + pendingPos_, count);
+    pendingPos_ += count;
 }
 
 void DabSignal::NextIqFrame(uint8_t* out) { Read(out, kIqFrameBytes); }
 
-std::vector<uint8_t> DabSignal::NextIqFrames(int count) {
-    std::vector<uint8_t> bytes(static_cast<size_t>(count > 0 ? count : 0) * kIqFrameBytes);
-    Read(bytes.data(), bytes.size());
-    return bytes;
+const std::vector<uint8_t>* DabSignal::BitsOfFrame(int64_t f) const {
+    const int64_t first = frames_ - static_cast<int64_t>(keptBits_.size());
+    return f < first || f >= frames_ ? nullptr : &keptBits_[size_t(f - first)];
 }
 
-int32_t DabSignal::FramePeriod() const { return transmitter_->Geometry().frameSamples; }
-
-int32_t DabSignal::NullLength() const { return transmitter_->Geometry().nullSamples; }
+double DabSignal::PhaseReferenceStart(int64_t f) const {
+    const int64_t first = frames_ - static_cast<int64_t>(keptStarts_.size());
+    if (f < first || f >= frames_) return -1.0;
+    // The channel puts the lead-in in front and drops the random start.
+    return keptStarts_[size_t(f - first)] + double(leadInSamples_) - double(channel_->DroppedInputSamples());
+}
 
 int64_t DabSignal::PhaseReferencePhase() const {
-    // Transmitted frame f opens with its null at input sample f T; the
-    // channel drops the random start and puts the lead-in in front.
-    const int64_t period = FramePeriod();
-    const int64_t start = leadInSamples_ + NullLength() - static_cast<int64_t>(channel_->DroppedInputSamples());
+    const int64_t period = Geometry().frameSamples;
+    const int64_t start = std::llround(PhaseReferenceStart(frames_ - 1));
     return ((start % period) + period) % period;
 }
 
-const gen::ChannelModel& DabSignal::Channel() const { return *channel_; }
+double SoftBitErrorRate(const float* frameCarriers, int carrierCount, const std::vector<uint8_t>& bits,
+                        int firstRow, int symbols) {
+    const int64_t perRow = 2 * static_cast<int64_t>(carrierCount);
+    int64_t errors = 0;
+    for (int d = firstRow; d < firstRow + symbols; ++d) {
+        const float* row = frameCarriers + d * perRow;
+        const uint8_t* sent = bits.data() + (d - 1) * perRow;
+        for (int64_t i = 0; i < perRow; ++i) errors += (sent[i] != 0) != (row[i] < 0.0f) || row[i] == 0.0f;
+    }
+    return static_cast<double>(errors) / static_cast<double>(perRow * symbols);
+}
 
 }  // namespace mvdab::test
