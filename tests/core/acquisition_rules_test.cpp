@@ -11,6 +11,7 @@
 #include "acquisition/frame_position.h"
 #include "acquisition/mode_buffers.h"
 #include "acquisition/mode_tables.h"
+#include "receiver/receiver_memory.h"
 #include "receiver/receiver_state.h"
 
 namespace mvdab {
@@ -45,13 +46,7 @@ TEST(ModeDecision, NeedsALeadOfTwoAndOfThreeBetweenModesIIAndIII) {
 class SearchState : public ::testing::Test {
 protected:
     void SetUp() override {
-        receiverSettings.fastPowerFactor = std::pow(2.0f, -8.0f);
-        receiverSettings.slowPowerFactor = std::pow(2.0f, -11.0f);
-        receiverSettings.dipEntryRatio = 0.6f;
-        receiverSettings.dipExitRatio = 0.7f;
-        receiverSettings.nullAgreementTolerance = 80;
-        const int32_t backoff[4] = {480, 120, 60, 240};
-        for (int i = 0; i < 4; ++i) receiverSettings.timingBackoffBytes[i] = backoff[i];
+        WriteReceiverSettings();  // backoffs 480, 120, 60, 240 bytes; tolerance 80
         ResetCoarseSearch();
     }
     static void UseMode(int m) {

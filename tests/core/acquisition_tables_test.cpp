@@ -43,12 +43,6 @@ TEST(PhaseReferenceTable, MatchesPublishedCheckValuesOfEveryMode) {
     }
 }
 
-// Carrier k of element n, back from the stored float offset.
-int32_t CarrierOf(int32_t offset, int32_t carriers) {
-    const int32_t index = offset / 2;
-    return index < carriers / 2 ? index - carriers / 2 : index - carriers / 2 + 1;
-}
-
 TEST(FrequencyDeinterleaveTable, MatchesPublishedCarriersAndIsAPermutation) {
     const std::vector<std::vector<int32_t>> firstTwelve = {
         {-513, -14, 329, 692, -733, 13, 680, 273, -36, 43, 85, -432},
@@ -61,6 +55,8 @@ TEST(FrequencyDeinterleaveTable, MatchesPublishedCarriersAndIsAPermutation) {
     for (int m = 0; m < 4; ++m) {
         const int32_t k = kModeCarriers[m];
         const int32_t* slice = kFrequencyDeinterleaveTable.data() + kModeCarrierOffset[m];
+        // Carrier of element n, back from the stored float offset.
+        auto CarrierOf = [](int32_t offset, int32_t k) { return offset / 2 - k / 2 + (offset / 2 < k / 2 ? 0 : 1); };
         for (int i = 0; i < 12; ++i) EXPECT_EQ(CarrierOf(slice[i], k), firstTwelve[m][i]) << "mode " << m << " n " << i;
         for (int i = 0; i < 4; ++i) EXPECT_EQ(CarrierOf(slice[k - 4 + i], k), lastFour[m][i]) << "mode " << m;
         std::vector<int32_t> sorted(slice, slice + k);

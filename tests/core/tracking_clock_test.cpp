@@ -4,7 +4,6 @@
 // frequency cache.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cmath>
 
 #include "demod_setup.h"
@@ -20,18 +19,12 @@ uint8_t rateRegisters[2];
 int32_t registerWrites;
 bool failAccess;
 
-bool Reachable(int32_t page, int32_t addr, int32_t count) {
-    return !failAccess && page == 1 && addr >= 0x3E && addr + count <= 0x40;
-}
-int32_t FakeRead(int32_t page, int32_t addr, int32_t count, uint8_t* buffer) {
-    if (!Reachable(page, addr, count)) return 0;
-    std::copy(rateRegisters + addr - 0x3E, rateRegisters + addr - 0x3E + count, buffer);
-    return 1;
-}
-int32_t FakeWrite(int32_t page, int32_t addr, int32_t count, uint8_t* buffer) {
-    if (!Reachable(page, addr, count)) return 0;
-    std::copy(buffer, buffer + count, rateRegisters + addr - 0x3E);
-    ++registerWrites;
+template <bool kWrite>
+int32_t FakeAccess(int32_t page, int32_t addr, int32_t count, uint8_t* buffer) {
+    if (failAccess || page != 1 || addr < 0x3E || addr + count > 0x40) return 0;
+    uint8_t* reg = rateRegisters + addr - 0x3E;
+    for (int32_t i = 0; i < count; ++i) (kWrite ? reg[i] : buffer[i]) = kWrite ? buffer[i] : reg[i];
+    registerWrites += kWrite ? 1 : 0;
     return 1;
 }
 int32_t RegisterCode() { return (rateRegisters[0] & 0x3F) * 256 + rateRegisters[1]; }
@@ -41,8 +34,8 @@ protected:
     void SetUp() override {
         ASSERT_TRUE(demodtest::SetUpMode(0));
         accessLibrary = AccessLibrary{};
-        accessLibrary.demodRead = FakeRead;
-        accessLibrary.demodWrite = FakeWrite;
+        accessLibrary.demodRead = FakeAccess<false>;
+        accessLibrary.demodWrite = FakeAccess<true>;
         rateRegisters[0] = rateRegisters[1] = 0;
         registerWrites = 0;
         failAccess = false;
@@ -100,24 +93,17 @@ TEST_F(ClockLoop, FirstLookComesWithThe151stFrame) {
 // applied; beyond it nothing is written, the integrator stays and the
 // hold-off stays 0 so that the next frame looks again.
 TEST_F(ClockLoop, StepAndOffsetBorders) {
-    struct Case {
-        float offset, step;
-        int32_t result;
-        bool corrected;
-        int32_t holdoff;
-    };
-    const Case cases[] = {
-        {-20.0f, 9.9f, 1, true, 150},  {-20.0f, -9.99f, 1, true, 150}, {-20.0f, 10.0f, 1, false, 150},
-        {-20.0f, -10.0f, 1, false, 150}, {-20.0f, 250.0f, 1, false, 150}, {-20.0f, NAN, 1, false, 150},
-        {200.0f, 0.0f, 1, true, 150},  {-200.0f, 0.0f, 1, true, 150},  {200.5f, 0.0f, 0, false, 0},
-        {-201.0f, 0.0f, 0, false, 0},  {NAN, 0.0f, 0, false, 0},
-    };
-    for (const Case& c : cases) {
+    // offset, step, result, corrected (else hold-off 0 when the result is 0)
+    const float cases[][4] = {{-20, 9.9f, 1, 1},  {-20, -9.99f, 1, 1}, {-20, 10, 1, 0},   {-20, -10, 1, 0},
+                              {-20, 250, 1, 0},   {-20, NAN, 1, 0},    {200, 0, 1, 1},    {-200, 0, 1, 1},
+                              {200.5f, 0, 0, 0},  {-201, 0, 0, 0},     {NAN, 0, 0, 0}};
+    for (const auto& c : cases) {
         SetUp();
-        EXPECT_EQ(Look(c.offset, c.step), c.result) << c.offset << " / " << c.step;
-        EXPECT_EQ(Corrected(), c.corrected) << c.offset << " / " << c.step;
-        EXPECT_EQ(trackingLoops.clockHoldoff, c.holdoff) << c.offset << " / " << c.step;
-        EXPECT_EQ(RegisterCode(), c.corrected ? SampleRateOffsetCode(c.offset) : 0) << c.offset << " / " << c.step;
+        SCOPED_TRACE(testing::Message() << c[0] << " / " << c[1]);
+        EXPECT_EQ(Look(c[0], c[1]), c[2]);
+        EXPECT_EQ(Corrected(), c[3] == 1);
+        EXPECT_EQ(trackingLoops.clockHoldoff, c[2] == 1 ? 150 : 0);
+        EXPECT_EQ(RegisterCode(), c[3] == 1 ? SampleRateOffsetCode(c[0]) : 0);
     }
     // The offset out of range is recorded all the same, as the recording
     // comes first.
