@@ -53,21 +53,17 @@ protected:
     }
     void SetUp() override {
         savedBuffers_ = modeBuffers;
+        savedLine_ = ficDecoder.setReceptionLine;
         SetMode(0);
         receiverSettings.softBitMode = 2;
         receiverSettings.resyncOnFicErrors = 1;
         receiverStatus.syncState = 3;
         receiverStatus.signalQualityDb = 20.0f;
-        pipeline.resyncRequest = 0;
-        receptionLine.ledMode = 0;
-        receptionLine.goodReceptionCount = 0;
-        ficDecoder.ficErrorCount = 0;
-        ficDecoder.cifCountValid = 0;
-        savedLine_ = ficDecoder.setReceptionLine;
+        pipeline.resyncRequest = receptionLine.ledMode = receptionLine.goodReceptionCount = 0;
+        ficDecoder.ficErrorCount = ficDecoder.cifCountValid = cifCountWanted = 0;
         ficDecoder.setReceptionLine = ObserveLine;
         ficCallback = OnFic;
         mwFicCallback = OnMwFic;
-        cifCountWanted = 0;
         fic = mwFic = Delivery();
         lineEvents.clear();
     }
@@ -79,14 +75,16 @@ protected:
     int32_t Fibs() const { return mode.parameters.fibsPerCif * mode.parameters.cifsPerFrame; }
     static bool Has(const std::vector<int>& v, int i) { return std::find(v.begin(), v.end(), i) != v.end(); }
 
-    // Codes a frame of random FIBs, with broken CRCs at the `bad` positions,
-    // into FrameCarriers from row 1 on; returns the FIBs.
-    Bytes Transmit(const std::vector<int>& bad = {}, float amplitude = 0.7071f, float noise = 0.0f) {
+    // Codes a frame of FIBs into FrameCarriers from row 1 on: `fib(i)` where
+    // given, random FIBs with broken CRCs at the `bad` positions otherwise.
+    // Returns the FIBs.
+    Bytes Transmit(const std::vector<int>& bad = {}, float amplitude = 0.7071f, float noise = 0.0f,
+                   Bytes (*fib)(int, std::mt19937&) = nullptr) {
         const ModeParameters& p = mode.parameters;
         Bytes all;
         for (int32_t i = 0; i < Fibs(); ++i) {
-            const Bytes fib = fictest::RandomFib(rng_, Has(bad, i));
-            all.insert(all.end(), fib.begin(), fib.end());
+            const Bytes f = fib ? fib(i, rng_) : fictest::RandomFib(rng_, Has(bad, i));
+            all.insert(all.end(), f.begin(), f.end());
         }
         for (int32_t c = 0; c < p.cifsPerFrame; ++c) {
             const Bytes cif(all.begin() + c * p.ficBytesPerCif, all.begin() + (c + 1) * p.ficBytesPerCif);
@@ -95,10 +93,12 @@ protected:
         }
         return all;
     }
-    void TransmitNoise() {
+    void Frame(const std::vector<int>& bad = {}) { Transmit(bad), DecodeFic(); }
+    void NoiseFrame() {
         std::normal_distribution<float> gauss(0.0f, 0.7f);
         const ModeParameters& p = mode.parameters;
         for (int32_t i = 0; i < p.cifsPerFrame * p.ficCodedBits; ++i) carriers_[2 * p.carrierCount + i] = gauss(rng_);
+        DecodeFic();
     }
     // The mode, and a bit per good FIB from bit 15 down.
     int32_t Flags(const std::vector<int>& bad = {}) const {
@@ -158,9 +158,8 @@ TEST_F(FicDecoderTest, RunningErrorsAgainstTheModeThreshold) {
     for (const Case& k : cases) {
         SCOPED_TRACE(testing::Message() << "mode " << k.mode + 1 << ", " << k.bad.size() << " bad");
         SetMode(k.mode);
-        Transmit(k.bad);
         ficDecoder.ficErrorCount = 10;
-        DecodeFic();
+        Frame(k.bad);
         EXPECT_EQ(receiverStatus.syncState.load(), k.syncState);
         EXPECT_EQ(ficDecoder.ficErrorCount, k.errorCount);
         EXPECT_EQ(fic.flags, Flags(k.bad));
@@ -170,8 +169,7 @@ TEST_F(FicDecoderTest, RunningErrorsAgainstTheModeThreshold) {
     SetMode(0);
     receptionLine.ledMode = 1;
     receptionLine.goodReceptionCount = 39;
-    Transmit({3, 4, 5, 6, 7});
-    DecodeFic();
+    Frame({3, 4, 5, 6, 7});
     EXPECT_EQ(lineEvents, (std::vector<std::pair<int32_t, int32_t>>{{1, 4}, {0, 5}}));
 }
 
@@ -182,58 +180,49 @@ TEST_F(FicDecoderTest, RestartComesAfterTheFramesTheCountPredicts) {
     for (int32_t m = 0; m < 4; ++m) {
         SCOPED_TRACE(testing::Message() << "mode " << m + 1);
         SetMode(m);
-        ficDecoder.ficErrorCount = 0;
-        pipeline.resyncRequest = 0;
+        ficDecoder.ficErrorCount = pipeline.resyncRequest = 0;
+        fic = Delivery();
         int32_t frames = 0;
-        while (pipeline.resyncRequest == 0 && frames < 100) {
-            TransmitNoise();
-            DecodeFic();
-            ++frames;
+        for (; pipeline.resyncRequest == 0 && frames < 100; ++frames) {
+            NoiseFrame();
             EXPECT_EQ(receiverStatus.syncState.load(), 3);
             EXPECT_EQ(fic.flags, m + 1);  // no good FIB, and the callback still comes
         }
         EXPECT_EQ(frames, framesToRestart[m]);
         EXPECT_EQ(fic.calls, frames);
         EXPECT_EQ(ficDecoder.ficErrorCount, m == 0 ? 12 : 0);
-        fic = Delivery();
     }
     // Switched off, the count only grows, until a clean CIF.
     receiverSettings.resyncOnFicErrors = 0;
     SetMode(1);
     pipeline.resyncRequest = 0;
-    for (int i = 0; i < 40; ++i) TransmitNoise(), DecodeFic();
+    for (int i = 0; i < 40; ++i) NoiseFrame();
     EXPECT_EQ(pipeline.resyncRequest, 0);
     EXPECT_EQ(ficDecoder.ficErrorCount, 120);
-    Transmit();
-    DecodeFic();
+    Frame();
     EXPECT_EQ(ficDecoder.ficErrorCount, 0);
 }
 
 TEST_F(FicDecoderTest, ReceptionLineCountsGoodCifs) {
     receptionLine.ledMode = 1;
     // Mode I: ten clean frames are the 40 good CIFs that switch the line on.
-    for (int i = 0; i < 9; ++i) Transmit(), DecodeFic();
+    for (int i = 0; i < 9; ++i) Frame();
     EXPECT_TRUE(lineEvents.empty());
     receiverStatus.signalQualityDb = 4.8f;  // exactly the limit still counts
-    Transmit();
-    DecodeFic();
-    Transmit();
-    DecodeFic();
+    Frame();
+    Frame();
     EXPECT_EQ(lineEvents.size(), 1u);
     EXPECT_EQ(receptionLine.goodReceptionCount.load(), 40);
-    Transmit({11});  // one failed FIB in the last CIF switches it off
-    DecodeFic();
+    Frame({11});  // one failed FIB in the last CIF switches it off
     ASSERT_EQ(lineEvents.size(), 2u);
     EXPECT_EQ(lineEvents[1].first, 0);
     EXPECT_EQ(receptionLine.goodReceptionCount.load(), 0);
     receiverStatus.signalQualityDb = 4.79f;  // below the limit a clean CIF restarts the count
-    Transmit();
-    DecodeFic();
+    Frame();
     EXPECT_EQ(receptionLine.goodReceptionCount.load(), 0);
     receptionLine.ledMode = 0;  // off: nothing counted or switched
     receptionLine.goodReceptionCount = 17;
-    Transmit({0});
-    DecodeFic();
+    Frame({0});
     EXPECT_EQ(receptionLine.goodReceptionCount.load(), 17);
     EXPECT_EQ(lineEvents.size(), 2u);
 }
@@ -241,27 +230,18 @@ TEST_F(FicDecoderTest, ReceptionLineCountsGoodCifs) {
 TEST_F(FicDecoderTest, CifCountIsTakenOnlyWhenWanted) {
     // FIB 0 holds a FIG 0/0 but fails its CRC; FIB 4 holds one behind two
     // other FIGs. The count is 3 * 250 + 201.
-    const Bytes info = {0x05, 0x00, 0xE1, 0x23, 0x03, 201};
-    Bytes behind = {0x22, 0x10, 0x20, 0x23, 0x00, 0x01, 0x02};
-    behind.insert(behind.end(), info.begin(), info.end());
-    Bytes frame;
-    for (int i = 0; i < 12; ++i) {
-        const Bytes fib = i == 0 ? fictest::MakeFib({0x05, 0x00, 0xE1, 0x23, 0x01, 11}, true)
-                          : i == 4 ? fictest::MakeFib(behind)
-                                   : fictest::RandomFib(rng_);
-        frame.insert(frame.end(), fib.begin(), fib.end());
-    }
-    for (int c = 0; c < 4; ++c)
-        fictest::WriteSoftValues(fictest::EncodeFicCif(Bytes(frame.begin() + 96 * c, frame.begin() + 96 * (c + 1))),
-                                 0.7071f, 0.0f, rng_, carriers_.data() + 2 * 1536 + c * 2304);
+    Transmit({}, 0.7071f, 0.0f, [](int i, std::mt19937& rng) {
+        return i == 0   ? fictest::MakeFib({0x05, 0x00, 0xE1, 0x23, 0x01, 11}, true)
+               : i == 4 ? fictest::MakeFib({0x22, 0x10, 0x20, 0x23, 0x00, 0x01, 0x02, 0x05, 0x00, 0xE1, 0x23, 0x03, 201})
+                        : fictest::RandomFib(rng);
+    });
     DecodeFic();
     EXPECT_EQ(ficDecoder.cifCountValid, 0);
     cifCountWanted = 1;
     DecodeFic();
     EXPECT_EQ(ficDecoder.cifCountValid, 1);
     EXPECT_EQ(ficDecoder.latestCifCountLow, 201);
-    Transmit();
-    DecodeFic();
+    Frame();
     EXPECT_EQ(ficDecoder.cifCountValid, 0);
     EXPECT_EQ(ficDecoder.latestCifCountLow, 201);
 }

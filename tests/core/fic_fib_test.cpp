@@ -36,6 +36,14 @@ TEST(CheckFibCrc, CountsFailuresAndShiftsTheMask) {
         EXPECT_EQ(mvdab::CheckFibCrc(cif.data(), &mask), m == 2 ? 2 : 1);
         EXPECT_EQ(mask, m == 2 ? 0b11010u : 0b1101u);
     }
+    // Any single flipped bit, data or CRC, fails the check.
+    for (int bit = 0; bit < 256; ++bit) {
+        Bytes flipped = Concat({kWorkedFib, kWorkedFib, kWorkedFib});
+        flipped[bit / 8] ^= uint8_t(0x80 >> bit % 8);
+        uint32_t mask = 0;
+        EXPECT_EQ(mvdab::CheckFibCrc(flipped.data(), &mask), 1) << "bit " << bit;
+        EXPECT_EQ(mask, 0b011u) << "bit " << bit;
+    }
 }
 
 TEST(FindEnsembleInfo, WalksTheGoodFibsOfTheFrame) {
@@ -61,28 +69,25 @@ TEST(FindEnsembleInfo, WalksTheGoodFibsOfTheFrame) {
 }
 
 TEST(FindEnsembleInfo, FibsThatHoldNone) {
-    auto find = [](const Bytes& fib) {
-        uint8_t low = 0;
-        return FindEnsembleInfo(fib.data(), 0x8002, &low) ? int(low) : -1;
+    // A FIB of zeros with the given bytes set.
+    auto fib = [](std::initializer_list<std::pair<int, uint8_t>> set) {
+        Bytes f(32, 0x00);
+        for (auto [i, b] : set) f[i] = b;
+        return f;
     };
-    // The end marker first, with a FIG 0/0 behind it.
-    EXPECT_EQ(find(fictest::MakeFib({0xFF, 0x05, 0x00, 0x12, 0x34, 0x00, 5})), -1);
-    // Lengths that walk to byte 29: a FIG 0/0 header there is no FIG.
-    Bytes fib(32, 0x00);
-    fib[0] = 0x3B;  // type 1, 27 bytes: next header at 28
-    fib[28] = 0x20; // type 1, empty: next at 29
-    fib[29] = 0x05;
-    EXPECT_EQ(find(fib), -1);
-    // FIG 0/0 at 25 would hold its count past the data field; at 24 it fits.
-    fib.assign(32, 0x00);
-    fib[0] = 0x37;  // type 1, 23 bytes: next header at 24
-    fib[24] = 0x20;
-    fib[25] = 0x05;
-    fib[29] = 42;
-    EXPECT_EQ(find(fib), -1);
-    fib[24] = 0x05;
-    fib[25] = 0x00;
-    EXPECT_EQ(find(fib), 42);
+    const std::pair<Bytes, int> cases[] = {
+        // The end marker first, with a FIG 0/0 behind it.
+        {fictest::MakeFib({0xFF, 0x05, 0x00, 0x12, 0x34, 0x00, 5}), -1},
+        // Type 1 FIGs of 27 and 0 bytes walk to byte 29: a FIG 0/0 header there is no FIG.
+        {fib({{0, 0x3B}, {28, 0x20}, {29, 0x05}}), -1},
+        // FIG 0/0 at 25 would hold its count past the data field; at 24 it fits.
+        {fib({{0, 0x37}, {24, 0x20}, {25, 0x05}, {29, 42}}), -1},
+        {fib({{0, 0x37}, {24, 0x05}, {29, 42}}), 42},
+    };
+    for (const auto& [bytes, want] : cases) {
+        uint8_t low = 0;
+        EXPECT_EQ(FindEnsembleInfo(bytes.data(), 0x8002, &low) ? int(low) : -1, want);
+    }
 }
 
 }  // namespace

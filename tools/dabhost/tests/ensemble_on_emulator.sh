@@ -7,10 +7,7 @@ set -u
 dabhost="$1"
 shift
 options=()
-while [ $# -gt 0 ] && [ "$1" != "--" ]; do
-    options+=("$1")
-    shift
-done
+while [ $# -gt 0 ] && [ "$1" != "--" ]; do options+=("$1"); shift; done
 [ $# -gt 0 ] && shift
 
 output="$("$dabhost" "${options[@]}" 2>&1)"
@@ -20,14 +17,8 @@ if grep -q "no signal generator" <<<"$output"; then
     echo "SKIPPED: the emulated device has no signal generator in this build"
     exit 77
 fi
-if [ "$status" -ne 0 ]; then
-    echo "FAILED: dabhost exited with $status"
-    exit 1
-fi
+[ "$status" -eq 0 ] || { echo "FAILED: dabhost exited with $status"; exit 1; }
 for expected in "$@"; do
-    if ! grep -qF -- "$expected" <<<"$output"; then
-        echo "FAILED: \"$expected\" was not printed"
-        exit 1
-    fi
+    grep -qF -- "$expected" <<<"$output" || { echo "FAILED: \"$expected\" was not printed"; exit 1; }
 done
 echo "PASSED: all ${#} expected strings printed"

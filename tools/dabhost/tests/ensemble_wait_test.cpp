@@ -1,3 +1,6 @@
+// dabhost's decision when to show the ensemble: complete and settled, partial
+// at the timeout or at a stop, no lock, no signal after its grace time, and
+// the scan's early stops.
 #include <gtest/gtest.h>
 
 #include "ensemble_wait.h"
@@ -14,21 +17,11 @@ ficparse::Ensemble Parsed(bool ensembleLabel, bool serviceLabels) {
     return parser.ensemble();
 }
 
-WaitPoll Locked(double t, uint64_t frames) {
-    WaitPoll p;
-    p.elapsedSeconds = t;
-    p.present = 1;
-    p.lockKnown = true;
-    p.locked = true;
-    p.ficFrames = frames;
-    p.mode = 1;
-    return p;
-}
+WaitPoll Locked(double t, uint64_t frames) { return WaitPoll{t, 1, true, true, frames, 1}; }
+WaitPoll Unlocked(double t, int32_t present, bool lockKnown = false) { return WaitPoll{t, present, lockKnown}; }
 
 TEST(EnsembleWait, CompleteOnlyAfterItStaysUnchangedForTheSettleTime) {
-    WaitRule rule;
-    rule.settleSeconds = 1.0;  // 11 frames of mode I
-    EnsembleWait wait(rule);
+    EnsembleWait wait(WaitRule{20.0, 1.0});  // 1 s: 11 frames of mode I
     const ficparse::Ensemble full = Parsed(true, true);
     ASSERT_TRUE(full.Complete());
     // One service only looks complete as well; the second service arriving
@@ -47,94 +40,62 @@ TEST(EnsembleWait, CompleteOnlyAfterItStaysUnchangedForTheSettleTime) {
     EXPECT_EQ(wait.Update(Locked(3.0, 30), ficparse::Ensemble{}), WaitOutcome::Complete);
 }
 
-TEST(EnsembleWait, MissingServiceLabelsWaitUntilTheTimeoutAndGivePartial) {
-    WaitRule rule;
-    rule.timeoutSeconds = 5.0;
-    EnsembleWait wait(rule);
+TEST(EnsembleWait, TimeoutGivesPartialNoEnsembleOrNoLock) {
+    // Missing service labels wait until the timeout.
+    EnsembleWait partial(WaitRule{5.0});
     const ficparse::Ensemble noServiceLabels = Parsed(true, false);
-    EXPECT_EQ(wait.Update(Locked(1.0, 10), noServiceLabels), WaitOutcome::Waiting);
-    EXPECT_EQ(wait.Update(Locked(4.9, 50), noServiceLabels), WaitOutcome::Waiting);
-    EXPECT_EQ(wait.Update(Locked(5.0, 51), noServiceLabels), WaitOutcome::Partial);
+    EXPECT_EQ(partial.Update(Locked(1.0, 10), noServiceLabels), WaitOutcome::Waiting);
+    EXPECT_EQ(partial.Update(Locked(4.9, 50), noServiceLabels), WaitOutcome::Waiting);
+    EXPECT_EQ(partial.Update(Locked(5.0, 51), noServiceLabels), WaitOutcome::Partial);
     EXPECT_TRUE(HasEnsemble(WaitOutcome::Partial));
-}
-
-TEST(EnsembleWait, TimeoutWithoutEnsembleTellsLockFromNoLock) {
-    WaitRule rule;
-    rule.timeoutSeconds = 2.0;
-    EnsembleWait locked(rule);
-    const ficparse::Ensemble unlabelled = Parsed(false, true);
-    EXPECT_EQ(locked.Update(Locked(2.5, 20), unlabelled), WaitOutcome::NoEnsemble);
-
-    EnsembleWait searching(rule);
-    WaitPoll p;
-    p.present = 1;  // frame structure found, FIC never clean
-    p.elapsedSeconds = 1.0;
-    EXPECT_EQ(searching.Update(p, {}), WaitOutcome::Waiting);
-    p.elapsedSeconds = 2.0;
-    EXPECT_EQ(searching.Update(p, {}), WaitOutcome::NoLock);
+    // Without an ensemble label, lock tells the two failures apart.
+    EnsembleWait locked(WaitRule{2.0});
+    EXPECT_EQ(locked.Update(Locked(2.5, 20), Parsed(false, true)), WaitOutcome::NoEnsemble);
+    EnsembleWait searching(WaitRule{2.0});  // frame structure found, FIC never clean
+    EXPECT_EQ(searching.Update(Unlocked(1.0, 1), {}), WaitOutcome::Waiting);
+    EXPECT_EQ(searching.Update(Unlocked(2.0, 1), {}), WaitOutcome::NoLock);
     EXPECT_LT(searching.lockSeconds(), 0.0);
     EXPECT_FALSE(HasEnsemble(WaitOutcome::NoLock));
 }
 
 TEST(EnsembleWait, NoSignalMustHoldForItsGraceTime) {
-    WaitRule rule;
-    rule.noSignalSeconds = 1.0;
-    EnsembleWait wait(rule);
-    WaitPoll p;
-    p.present = -1;
-    p.elapsedSeconds = 0.8;
-    EXPECT_EQ(wait.Update(p, {}), WaitOutcome::Waiting);
-    p.present = 0;  // a new search starts: the grace time starts again
-    p.elapsedSeconds = 1.0;
-    EXPECT_EQ(wait.Update(p, {}), WaitOutcome::Waiting);
-    p.present = -1;
-    p.elapsedSeconds = 1.5;
-    EXPECT_EQ(wait.Update(p, {}), WaitOutcome::Waiting);
-    p.elapsedSeconds = 2.5;
-    EXPECT_EQ(wait.Update(p, {}), WaitOutcome::NoSignal);
+    EnsembleWait wait(WaitRule{20.0, 1.0, 1.0});
+    EXPECT_EQ(wait.Update(Unlocked(0.8, -1), {}), WaitOutcome::Waiting);
+    EXPECT_EQ(wait.Update(Unlocked(1.0, 0), {}), WaitOutcome::Waiting);  // a new search restarts the grace time
+    EXPECT_EQ(wait.Update(Unlocked(1.5, -1), {}), WaitOutcome::Waiting);
+    EXPECT_EQ(wait.Update(Unlocked(2.5, -1), {}), WaitOutcome::NoSignal);
 }
 
 TEST(EnsembleWait, ScanStopsAtTheLabelAndAtOnceOnNoSignal) {
-    WaitRule rule;
-    rule.labelSuffices = true;
-    rule.noSignalSeconds = 0.0;
-    EnsembleWait found(rule);
+    const WaitRule rule{20.0, 1.0, 0.0, true};
+    EnsembleWait found(rule), empty(rule);
     EXPECT_EQ(found.Update(Locked(0.7, 3), Parsed(false, true)), WaitOutcome::Waiting);
     EXPECT_EQ(found.Update(Locked(0.8, 4), Parsed(true, false)), WaitOutcome::LabelFound);
-
-    EnsembleWait empty(rule);
-    WaitPoll p;
-    p.present = -1;
-    p.lockKnown = true;
-    p.elapsedSeconds = 0.9;
-    EXPECT_EQ(empty.Update(p, {}), WaitOutcome::NoSignal);
-
+    EXPECT_EQ(empty.Update(Unlocked(0.9, -1, true), {}), WaitOutcome::NoSignal);
     // A weak signal lost after the ensemble was read is not "no signal".
     EnsembleWait lost(WaitRule{2.0, 1.0, 0.0, false});
-    EXPECT_EQ(lost.Update(p, Parsed(true, false)), WaitOutcome::Waiting);
+    EXPECT_EQ(lost.Update(Unlocked(0.9, -1, true), Parsed(true, false)), WaitOutcome::Waiting);
 }
 
 TEST(EnsembleWait, StopDecidesAsATimeoutWould) {
-    EnsembleWait wait(WaitRule{});
+    EnsembleWait wait(WaitRule{}), unsettled(WaitRule{});
     EXPECT_EQ(wait.Update(Locked(0.3, 2), Parsed(true, false)), WaitOutcome::Waiting);
     EXPECT_EQ(wait.Stop(0.4, Parsed(true, false)), WaitOutcome::Partial);
     EXPECT_DOUBLE_EQ(wait.decidedSeconds(), 0.4);
     // Complete but not yet settled counts as complete at the end.
-    EnsembleWait unsettled(WaitRule{});
     EXPECT_EQ(unsettled.Update(Locked(0.3, 2), Parsed(true, true)), WaitOutcome::Waiting);
     EXPECT_EQ(unsettled.Stop(0.4, Parsed(true, true)), WaitOutcome::Complete);
 }
 
-TEST(EnsembleWait, ShapeIgnoresTheCifCountButNotLabels) {
-    ficparse::Ensemble a = Parsed(true, true);
-    ficparse::Ensemble b = a;
+TEST(EnsembleWait, ShapeIgnoresTheCifCountButNotLabelsOrSizes) {
+    const ficparse::Ensemble a = Parsed(true, true);
+    ficparse::Ensemble b = a, c = a;
     b.cifCountLow = 200;
     EXPECT_EQ(EnsembleShape(a), EnsembleShape(b));
     b.services.at(0xC221).label.text = "Other";
+    c.subChannels.at(2).size = 60;
     EXPECT_NE(EnsembleShape(a), EnsembleShape(b));
-    b = a;
-    b.subChannels.at(2).size = 60;
-    EXPECT_NE(EnsembleShape(a), EnsembleShape(b));
+    EXPECT_NE(EnsembleShape(a), EnsembleShape(c));
 }
 
 }  // namespace

@@ -1,57 +1,14 @@
+// The ensemble printers: the text form line by line, and the JSON form as
+// valid JSON with the expected members, escapes and nulls.
 #include <gtest/gtest.h>
-
-#include <cctype>
-#include <cstring>
 
 #include "tools/ficparse/ensemble_print.h"
 #include "tools/ficparse/tests/fig_writer.h"
+#include "tools/ficparse/tests/json_check.h"
 
 using namespace figwriter;
 
 namespace {
-
-// Strict JSON syntax: returns true when `s` from `i` on is one value followed
-// by nothing but white space.
-bool JsonValue(const std::string& s, size_t& i) {
-    auto space = [&] { while (i < s.size() && std::isspace(static_cast<unsigned char>(s[i]))) ++i; };
-    auto eat = [&](char c) { return space(), i < s.size() && s[i] == c ? (++i, true) : false; };
-    auto string = [&] {
-        if (!eat('"')) return false;
-        for (; i < s.size() && s[i] != '"'; ++i) {
-            if (static_cast<unsigned char>(s[i]) < 0x20) return false;
-            if (s[i] == '\\' && ++i < s.size() && s[i] == 'u') i += 4;
-        }
-        return eat('"');
-    };
-    space();
-    if (i >= s.size()) return false;
-    if (eat('{')) {
-        if (eat('}')) return true;
-        do if (!string() || !eat(':') || !JsonValue(s, i)) return false;
-        while (eat(','));
-        return eat('}');
-    }
-    if (eat('[')) {
-        if (eat(']')) return true;
-        do if (!JsonValue(s, i)) return false;
-        while (eat(','));
-        return eat(']');
-    }
-    if (s[i] == '"') return string();
-    for (const char* word : {"true", "false", "null"})
-        if (s.compare(i, std::strlen(word), word) == 0) return i += std::strlen(word), true;
-    const size_t start = i;
-    if (s[i] == '-') ++i;
-    while (i < s.size() && std::isdigit(static_cast<unsigned char>(s[i]))) ++i;
-    return i > start;
-}
-
-bool ValidJson(const std::string& s) {
-    size_t i = 0;
-    if (!JsonValue(s, i)) return false;
-    while (i < s.size() && std::isspace(static_cast<unsigned char>(s[i]))) ++i;
-    return i == s.size();
-}
 
 ficparse::FicParser ParsedEnsemble() {
     ficparse::FicParser parser;
@@ -67,9 +24,7 @@ ficparse::FicParser ParsedEnsemble() {
     return parser;
 }
 
-}  // namespace
-
-TEST(EnsemblePrint, Text) {
+TEST(EnsemblePrint, TextAndJson) {
     const ficparse::FicParser parser = ParsedEnsemble();
     const std::string text = ficparse::EnsembleText(parser.ensemble(), &parser.statistics());
     for (const char* line : {
@@ -85,12 +40,9 @@ TEST(EnsemblePrint, Text) {
              "FIGs seen: 0/0 0/1 0/2 1/0 1/1\n",
          })
         EXPECT_NE(text.find(line), std::string::npos) << line << "in\n" << text;
-}
 
-TEST(EnsemblePrint, Json) {
-    const ficparse::FicParser parser = ParsedEnsemble();
     const std::string json = ficparse::EnsembleJson(parser.ensemble(), &parser.statistics());
-    EXPECT_TRUE(ValidJson(json)) << json;
+    EXPECT_TRUE(jsoncheck::Valid(json)) << json;
     for (const char* part : {
              "\"label\": \"Quote\\\" \\\\ Back\"",
              "{\"id\": 49697, \"idHex\": \"0xC221\", \"label\": \"Plus\"",
@@ -102,7 +54,9 @@ TEST(EnsemblePrint, Json) {
         EXPECT_NE(json.find(part), std::string::npos) << part << " in\n" << json;
     // An empty model is valid JSON too, with nulls for what is unknown.
     const std::string empty = ficparse::EnsembleJson(ficparse::Ensemble());
-    EXPECT_TRUE(ValidJson(empty)) << empty;
+    EXPECT_TRUE(jsoncheck::Valid(empty)) << empty;
     EXPECT_NE(empty.find("\"id\": null"), std::string::npos) << empty;
-    EXPECT_FALSE(ValidJson("{\"a\": 1,}"));
+    EXPECT_FALSE(jsoncheck::Valid("{\"a\": 1,}"));
 }
+
+}  // namespace

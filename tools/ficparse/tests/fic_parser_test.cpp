@@ -1,4 +1,9 @@
+// The host's FIC parser: the CRC, every FIG type it reads into the ensemble
+// model, FIBs selected by the CRC flags, malformed and unknown FIGs, what is
+// kept out of the model, completeness and the label character sets.
 #include <gtest/gtest.h>
+
+#include <tuple>
 
 #include "tools/ficparse/fic_parser.h"
 #include "tools/ficparse/tests/fig_writer.h"
@@ -14,10 +19,20 @@ const Bytes kWorkedFib = {0x05, 0x00, 0xE1, 0x23, 0x04, 0xEA, 0x35, 0x00, 0xE1, 
                           0x45, 0x53, 0x54, 0x20, 0x45, 0x4E, 0x53, 0x45, 0x4D, 0x42, 0x4C,
                           0x45, 0x20, 0x20, 0x20, 0xFF, 0x00, 0xFF, 0x00, 0xF5, 0xA2};
 
+void Push(FicParser& parser, const std::vector<Bytes>& figs) {
+    for (const Bytes& fib : PackFibs(figs)) parser.PushFib(fib.data(), true);
+}
 FicParser Parsed(const std::vector<Bytes>& figs) {
     FicParser parser;
-    for (const Bytes& fib : PackFibs(figs)) parser.PushFib(fib.data(), true);
+    Push(parser, figs);
     return parser;
+}
+
+// transport, type, sub-channel, SCId, packet address, data groups, primary, CA
+using ComponentFields = std::tuple<Transport, int, int, int, int, bool, bool, bool>;
+ComponentFields Fields(const ficparse::Component& c) {
+    return {c.transport, c.type, c.subChannelId, c.serviceComponentId, c.packetAddress, c.dataGroups, c.primary,
+            c.conditionalAccess};
 }
 
 }  // namespace
@@ -34,13 +49,15 @@ TEST(FicParser, WorkedFibAndCrc) {
     EXPECT_EQ(e.label.text, "TEST ENSEMBLE");
     EXPECT_EQ(e.label.shortText, "TEST ENS");
     EXPECT_EQ(parser.statistics().SeenText(), "0/0 1/0");
-    // One changed bit and the FIB is not read.
-    Bytes broken = kWorkedFib;
-    broken[7] ^= 0x10;
-    FicParser other;
-    other.PushFibsCheckingCrc(broken.data(), 32);
-    EXPECT_FALSE(other.ensemble().idKnown);
-    EXPECT_EQ(other.statistics().fibsBad, 1u);
+    // Any single flipped bit and the FIB is not read.
+    for (int bit = 0; bit < 256; ++bit) {
+        Bytes broken = kWorkedFib;
+        broken[bit / 8] ^= uint8_t(0x80 >> bit % 8);
+        FicParser other;
+        other.PushFibsCheckingCrc(broken.data(), 32);
+        EXPECT_FALSE(other.ensemble().idKnown) << "bit " << bit;
+        EXPECT_EQ(other.statistics().fibsBad, 1u) << "bit " << bit;
+    }
 }
 
 // Every kind of entry, with labels and packet data sent before their services.
@@ -60,62 +77,43 @@ TEST(FicParser, WholeEnsemble) {
         Fig03({{4095, true, true, 60, 63, 1023}}),
     });
     const auto& e = parser.ensemble();
-    EXPECT_EQ(e.id, 0x4FFF);
-    EXPECT_EQ(e.changeFlags, 3);
-    EXPECT_TRUE(e.alarm);
-    EXPECT_EQ(e.cifCountHigh * 250 + e.cifCountLow, 4999);
-    EXPECT_EQ(e.occurrenceChange, 17);
+    EXPECT_EQ(std::tuple(e.id, e.changeFlags, e.alarm, e.cifCountHigh * 250 + e.cifCountLow, e.occurrenceChange),
+              std::tuple(0x4FFF, 3, true, 4999, 17));
     EXPECT_EQ(e.label.text, "Ensemble \"X\"");
 
-    // Sub-channels: (start, size, protection, bit rate).
     struct Want {
         int id, start, size;
         const char* protection;
         int bitRate;
     };
+    EXPECT_EQ(e.subChannels.size(), 5u);
     for (const Want& w : {Want{1, 0, 416, "UEP 1", 384}, Want{2, 416, 84, "EEP 3-A", 112}, Want{3, 500, 45, "EEP 4-B", 96},
                           Want{9, 863, 8, "EEP 2-A", 8}, Want{63, 0, 1023, "EEP 1-B", 0}}) {
         ASSERT_EQ(e.subChannels.count(w.id), 1u) << w.id;
         const auto& s = e.subChannels.at(w.id);
-        EXPECT_EQ(s.startAddress, w.start);
-        EXPECT_EQ(s.size, w.size);
-        EXPECT_EQ(s.ProtectionText(), w.protection);
-        EXPECT_EQ(s.bitRate, w.bitRate) << w.id;
+        EXPECT_EQ(std::tuple(s.startAddress, s.size, s.ProtectionText(), s.bitRate),
+                  std::tuple(w.start, w.size, std::string(w.protection), w.bitRate))
+            << w.id;
     }
-    EXPECT_EQ(e.subChannels.size(), 5u);
 
     ASSERT_EQ(e.services.size(), 3u);
     const auto& one = e.services.at(0xC221);
     EXPECT_EQ(one.label.text, "Radio One");
     EXPECT_EQ(one.label.shortText, "Radi");
-    ASSERT_EQ(one.components.size(), 1u);
-    EXPECT_EQ(one.components[0].transport, Transport::StreamAudio);
-    EXPECT_EQ(one.components[0].type, 63);
-    EXPECT_EQ(one.components[0].subChannelId, 1);
-    EXPECT_TRUE(one.components[0].primary);
     const auto& two = e.services.at(0xC222);
     EXPECT_EQ(two.conditionalAccessId, 2);
-    ASSERT_EQ(two.components.size(), 2u);
-    EXPECT_EQ(two.components[1].transport, Transport::StreamData);
-    EXPECT_EQ(two.components[1].type, 24);
-    EXPECT_EQ(two.components[1].subChannelId, 3);
-    EXPECT_TRUE(two.components[1].conditionalAccess);
     const auto& data = e.services.at(0xE0C12345u);
     EXPECT_TRUE(data.longId);
     EXPECT_EQ(data.label.text, "Data");
+    ASSERT_EQ(one.components.size(), 1u);
+    ASSERT_EQ(two.components.size(), 2u);
     ASSERT_EQ(data.components.size(), 2u);
+    EXPECT_EQ(Fields(one.components[0]), ComponentFields(Transport::StreamAudio, 63, 1, -1, -1, false, true, false));
+    EXPECT_EQ(Fields(two.components[1]), ComponentFields(Transport::StreamData, 24, 3, -1, -1, false, false, true));
     // Packet data from before the service, and from after it behind a CA field.
-    const auto& early = data.components[0];
-    EXPECT_EQ(early.serviceComponentId, 17);
-    EXPECT_EQ(early.subChannelId, 9);
-    EXPECT_EQ(early.packetAddress, 513);
-    EXPECT_EQ(early.type, 5);
-    EXPECT_TRUE(early.dataGroups);
-    const auto& late = data.components[1];
-    EXPECT_EQ(late.serviceComponentId, 4095);
-    EXPECT_EQ(late.subChannelId, 63);
-    EXPECT_EQ(late.packetAddress, 1023);
-    EXPECT_FALSE(late.dataGroups);
+    EXPECT_EQ(Fields(data.components[0]), ComponentFields(Transport::PacketData, 5, 9, 17, 513, true, true, false));
+    EXPECT_EQ(Fields(data.components[1]),
+              ComponentFields(Transport::PacketData, 60, 63, 4095, 1023, false, false, false));
 
     EXPECT_TRUE(e.Complete());
     EXPECT_EQ(parser.statistics().SeenText(), "0/0 0/1 0/2 0/3 1/0 1/1 1/5");
@@ -154,17 +152,15 @@ TEST(FicParser, MalformedAndUnknownFigs) {
                              Fig00(0x5555, 0, false, 0, 7)});
     EXPECT_EQ(skip.ensemble().id, 0x5555);
     EXPECT_EQ(skip.statistics().SeenText(), "0/0 0/31 2/1 5");
-    // A FIB that starts with the end marker holds nothing.
-    Bytes marker = Fib({});
+    // A FIB that starts with the end marker holds nothing; a length past byte
+    // 29 ends the walk, and what came before stays.
+    Bytes marker = Fib({}), overrun = Fib({Fig00(0x0101, 0, false, 0, 1)});
     marker[1] = 0x05;
-    FicParser empty;
-    empty.PushFib(marker.data(), true);
-    EXPECT_TRUE(empty.statistics().figCounts.empty());
-    // A length past byte 29 ends the walk; what came before stays.
-    Bytes overrun = Fib({Fig00(0x0101, 0, false, 0, 1)});
     overrun[6] = 0x18;
-    FicParser cut;
+    FicParser empty, cut;
+    empty.PushFib(marker.data(), true);
     cut.PushFib(overrun.data(), true);
+    EXPECT_TRUE(empty.statistics().figCounts.empty());
     EXPECT_EQ(cut.ensemble().id, 0x0101);
     EXPECT_EQ(cut.statistics().figsMalformed, 1u);
     // Truncated entries: a long-form sub-channel a byte short, a service with
@@ -201,9 +197,8 @@ TEST(FicParser, WhatEntersTheModel) {
     FicParser parser = Parsed({Fig01({{4, 10, false, 5, 0, 0, 0}}),
                                Fig02({{0xC400, 0, {{0, 0, 4, true, false}, {1, 5, 4, false, false}}}}, false),
                                Fig1(1, 0xC400, "Old", 0)});
-    for (const Bytes& fib : PackFibs({Fig01({{4, 99, true, 0, 0, 2, 16}}), Fig02({{0xC400, 0, {{0, 63, 4, true, false}}}}, false),
-                                      Fig1(1, 0xC400, "New", 0)}))
-        parser.PushFib(fib.data(), true);
+    Push(parser, {Fig01({{4, 99, true, 0, 0, 2, 16}}), Fig02({{0xC400, 0, {{0, 63, 4, true, false}}}}, false),
+                  Fig1(1, 0xC400, "New", 0)});
     EXPECT_EQ(parser.ensemble().subChannels.at(4).startAddress, 99);
     ASSERT_EQ(parser.ensemble().services.at(0xC400).components.size(), 1u);
     EXPECT_EQ(parser.ensemble().services.at(0xC400).label.text, "New");
@@ -215,22 +210,16 @@ TEST(FicParser, WhatEntersTheModel) {
 TEST(FicParser, MissingNamesWhatIsNotYetKnown) {
     FicParser parser = Parsed({Fig00(0x1111, 0, false, 0, 0), Fig1(0, 0x1111, "E", 0),
                                Fig02({{0xC500, 0, {{0, 0, 2, true, false}, {3, 77, 0, false, false}}}}, false)});
-    const std::vector<std::string> missing = parser.ensemble().Missing();
-    ASSERT_EQ(missing.size(), 3u);
-    EXPECT_EQ(missing[0], "label of service 0xC500");
-    EXPECT_EQ(missing[1], "sub-channel 2 of service 0xC500");
-    EXPECT_EQ(missing[2], "packet data of component 77 of service 0xC500");
-    for (const Bytes& fib : PackFibs({Fig1(1, 0xC500, "S", 0), Fig01({{2, 0, false, 1, 0, 0, 0}}),
-                                      Fig03({{77, false, false, 1, 2, 0}})}))
-        parser.PushFib(fib.data(), true);
+    EXPECT_EQ(parser.ensemble().Missing(),
+              (std::vector<std::string>{"label of service 0xC500", "sub-channel 2 of service 0xC500",
+                                        "packet data of component 77 of service 0xC500"}));
+    Push(parser, {Fig1(1, 0xC500, "S", 0), Fig01({{2, 0, false, 1, 0, 0, 0}}), Fig03({{77, false, false, 1, 2, 0}})});
     EXPECT_TRUE(parser.ensemble().Complete());
     // A data service without a label leaves it complete; one whose
     // sub-channel is unknown does not.
-    for (const Bytes& fib : PackFibs({Fig02({{0xE0C12345u, 0, {{1, 5, 2, true, false}}}}, true)}))
-        parser.PushFib(fib.data(), true);
+    Push(parser, {Fig02({{0xE0C12345u, 0, {{1, 5, 2, true, false}}}}, true)});
     EXPECT_TRUE(parser.ensemble().Complete());
-    for (const Bytes& fib : PackFibs({Fig02({{0xE0C12346u, 0, {{1, 5, 9, true, false}}}}, true)}))
-        parser.PushFib(fib.data(), true);
+    Push(parser, {Fig02({{0xE0C12346u, 0, {{1, 5, 9, true, false}}}}, true)});
     EXPECT_EQ(parser.ensemble().Missing(), std::vector<std::string>{"sub-channel 9 of service 0xE0C12346"});
 }
 
