@@ -17,7 +17,7 @@ namespace check {
 
 // 1 = sent, per position of the mother code, for runs of (blocks, PI) and the
 // tail. Built from "PI + 8 ones, nested": the ones of V_PI are the positions
-// listed in the data sheet's table, grown one position per index.
+// of the puncturing table, grown one position per index.
 inline std::vector<uint8_t> PunctureMask(const std::vector<std::pair<int, int>>& runs) {
     // Order in which positions join as PI grows from 1 to 24 (V_1 has nine).
     static const int kBase[9] = {0, 1, 4, 8, 12, 16, 20, 24, 28};

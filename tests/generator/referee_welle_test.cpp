@@ -30,11 +30,6 @@ namespace fs = std::filesystem;
 
 const fs::path kSourceRoot = fs::path(__FILE__).parent_path().parent_path().parent_path();
 
-bool LongTests() {
-    const char* v = std::getenv("MVDAB_LONG_TESTS");
-    return v && std::string(v) == "1";
-}
-
 std::string RunCommand(const std::string& command) {
     std::string out;
     std::unique_ptr<FILE, int (*)(FILE*)> p(popen(command.c_str(), "r"), pclose);
@@ -69,7 +64,7 @@ size_t BytesFoundInOrder(const std::vector<uint8_t>& sent, const std::vector<uin
 }
 
 TEST(RefereeWelle, DecodesTheDefaultEnsemble) {
-    if (!LongTests()) GTEST_SKIP() << "set MVDAB_LONG_TESTS=1";
+    if (const char* v = std::getenv("MVDAB_LONG_TESTS"); !v || std::string(v) != "1") GTEST_SKIP() << "set MVDAB_LONG_TESTS=1";
     if (RunCommand("command -v welle-cli").empty()) GTEST_SKIP() << "welle-cli not installed";
     const fs::path samples = check::SamplesDir();
     if (!fs::exists(samples / "speech-mp2-128k.mp2")) GTEST_SKIP() << "no audio samples in " << samples;
