@@ -82,8 +82,10 @@ TEST_F(Excision, BlanksStrongLinesInsideTheWindowRangeAndNothingElse) {
 
 // The first 20 frames after a restart are all examined, then frame 21, 25,
 // 29, ... Each frame's line sits on a carrier of its own; CarrierPower shows
-// whether the frame was looked at.
-TEST_F(Excision, ExaminesTwentyFramesThenOneInFour) {
+// whether the frame was looked at. Frames between examinations keep the
+// weights of the last one; a line gone by the next examination frees its
+// carrier, and a restart clears the weights and the reference.
+TEST_F(Excision, PacingHoldRecoveryAndRestart) {
     Lines examined, expected;
     for (int32_t frame = 1; frame <= 33; ++frame) {
         Examine({100 + frame}, 50.0f);
@@ -92,11 +94,8 @@ TEST_F(Excision, ExaminesTwentyFramesThenOneInFour) {
     for (int32_t f = 1; f <= 21; ++f) expected.push_back(f);
     expected.insert(expected.end(), {25, 29, 33});
     EXPECT_EQ(examined, expected);
-}
 
-// Frames between examinations keep the weights of the last one; a line gone
-// by the next examination frees its carrier.
-TEST_F(Excision, WeightsStandBetweenExaminationsAndRecoverAfterTheLineIsGone) {
+    ResetExcision();
     for (int32_t frame = 1; frame <= 21; ++frame) Examine({900}, 1000.0f);
     for (int32_t frame = 22; frame <= 24; ++frame) {
         Examine();
@@ -104,6 +103,13 @@ TEST_F(Excision, WeightsStandBetweenExaminationsAndRecoverAfterTheLineIsGone) {
     }
     Examine();
     EXPECT_TRUE(Blanked().empty());
+
+    for (int32_t frame = 1; frame <= 5; ++frame) Examine({300}, 1000.0f);
+    ASSERT_FALSE(Blanked().empty());
+    ResetExcision();
+    EXPECT_TRUE(Blanked().empty());
+    Examine();
+    EXPECT_TRUE(Blanked().empty()) << "the first examination after a restart sees only the new frame";
 }
 
 // A line that shows in a single examined frame after a quiet warm-up is not
@@ -115,17 +121,6 @@ TEST_F(Excision, AOneFrameLineIsIgnoredAPersistentOneBlanked) {
     EXPECT_TRUE(Blanked().empty());
     for (int32_t frame = 22; frame <= 25; ++frame) Examine({400}, 16.0f);
     EXPECT_EQ(Blanked(), (Lines{400}));
-}
-
-// A restart clears the weights and the reference: the first examination
-// afterwards sees only the new frame.
-TEST_F(Excision, RestartClearsTheReferenceAndTheWeights) {
-    for (int32_t frame = 1; frame <= 5; ++frame) Examine({300}, 1000.0f);
-    ASSERT_FALSE(Blanked().empty());
-    ResetExcision();
-    EXPECT_TRUE(Blanked().empty());
-    Examine();
-    EXPECT_TRUE(Blanked().empty());
 }
 
 // In modes II, III and IV, and with the check switched off, nothing runs:
