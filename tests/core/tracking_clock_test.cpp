@@ -103,6 +103,7 @@ TEST_F(ClockLoop, StepAndOffsetBorders) {
         EXPECT_EQ(Look(c[0], c[1]), c[2]);
         EXPECT_EQ(Corrected(), c[3] == 1);
         EXPECT_EQ(trackingLoops.clockHoldoff, c[2] == 1 ? 150 : 0);
+        EXPECT_EQ(registerWrites > 0, c[3] == 1);
         EXPECT_EQ(RegisterCode(), c[3] == 1 ? SampleRateOffsetCode(c[0]) : 0);
     }
     // The offset out of range is recorded all the same, as the recording
