@@ -114,11 +114,6 @@ TEST_P(DemodMask, RefusesFramesOutsideThePoolAndMismatchedPlans) {
     EXPECT_EQ(DemodulateFrame(), 1);
 }
 
-std::string ModeName(const ::testing::TestParamInfo<int32_t>& info) {
-    const char* const names[4] = {"ModeI", "ModeII", "ModeIII", "ModeIV"};
-    return names[info.param];
-}
-
-INSTANTIATE_TEST_SUITE_P(AllModes, DemodMask, ::testing::Values(0, 1, 2, 3), ModeName);
+INSTANTIATE_TEST_SUITE_P(AllModes, DemodMask, ::testing::Values(0, 1, 2, 3), demodtest::ModeName);
 
 }  // namespace

@@ -4,7 +4,10 @@
 // demodulation, tracking and excision tests.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "acquisition/mode_buffers.h"
@@ -52,6 +55,12 @@ inline bool SetUpMode(int32_t m) {
 // Bytes available behind historyBase up to the end of the pool.
 inline int64_t HistoryBytes() {
     return static_cast<int64_t>(mvdab::kWorkingPoolBytes) - (mvdab::workBlocks.historyBase - mvdab::workBlocks.workingPool);
+}
+
+// Test names for suites run over the four modes.
+inline std::string ModeName(const ::testing::TestParamInfo<int32_t>& info) {
+    const char* const names[4] = {"ModeI", "ModeII", "ModeIII", "ModeIV"};
+    return names[info.param];
 }
 
 }  // namespace demodtest

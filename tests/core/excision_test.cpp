@@ -28,22 +28,21 @@ protected:
     }
     int32_t K() const { return mode.parameters.carrierCount; }
 
-    // Examines carriers of unit power with a random phase, plus lines of
-    // the given power on the listed carriers.
-    void Examine(const Lines& lines = {}, float linePower = 0.0f) {
+    // Examines carriers of unit power with a random phase (or, given a noise
+    // level, Gaussian ones), plus lines of the given power on the listed
+    // carriers.
+    void Examine(const Lines& lines = {}, float linePower = 0.0f, float noise = 0.0f) {
         std::vector<float> c(2 * K());
+        std::normal_distribution<float> gauss(0.0f, noise > 0.0f ? noise : 1.0f);
         for (int32_t i = 0; i < K(); ++i) {
-            const double a = phase_(rng_);
-            c[2 * i] = static_cast<float>(std::cos(a));
-            c[2 * i + 1] = static_cast<float>(std::sin(a));
+            const double a = noise > 0.0f ? 0.0 : phase_(rng_);
+            c[2 * i] = noise > 0.0f ? gauss(rng_) : static_cast<float>(std::cos(a));
+            c[2 * i + 1] = noise > 0.0f ? gauss(rng_) : static_cast<float>(std::sin(a));
         }
         for (int32_t k : lines) {
             c[2 * k] = std::sqrt(linePower);
             c[2 * k + 1] = 0.0f;
         }
-        ExaminePlain(c);
-    }
-    void ExaminePlain(const std::vector<float>& c) {
         double energy = 0.0;
         for (float v : c) energy += static_cast<double>(v) * v;
         ExciseInterference(c.data(), energy);
@@ -141,11 +140,8 @@ TEST_F(Excision, OtherModesAndSwitchedOffLeaveTheWeightsAlone) {
 // Carriers in noise (random power, mean 1) are not blanked once the
 // reference has averaged a few frames.
 TEST_F(Excision, NoFalseAlarmsOnNoisyCarriersAfterTheWarmUp) {
-    std::normal_distribution<float> noise(0.0f, std::sqrt(0.5f));
     for (int32_t frame = 1; frame <= 40; ++frame) {
-        std::vector<float> c(2 * K());
-        for (float& v : c) v = noise(rng_);
-        ExaminePlain(c);
+        Examine({}, 0.0f, std::sqrt(0.5f));
         if (frame > 8) EXPECT_TRUE(Blanked().empty()) << "frame " << frame;
     }
 }

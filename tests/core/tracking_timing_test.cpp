@@ -79,11 +79,6 @@ TEST_P(TimingLoop, GainStagesLoadAtTheirFrameAndActFromTheNext) {
     EXPECT_EQ(trackingLoops.timingIntegralGain, receiverSettings.timingIntegralGains[0]);
 }
 
-std::string ModeName(const ::testing::TestParamInfo<int32_t>& info) {
-    const char* const names[4] = {"ModeI", "ModeII", "ModeIII", "ModeIV"};
-    return names[info.param];
-}
-
-INSTANTIATE_TEST_SUITE_P(AllModes, TimingLoop, ::testing::Values(0, 1, 2, 3), ModeName);
+INSTANTIATE_TEST_SUITE_P(AllModes, TimingLoop, ::testing::Values(0, 1, 2, 3), demodtest::ModeName);
 
 }  // namespace
