@@ -25,8 +25,7 @@ double RegisterPpm() { return SampleRateRegister() * kRegisterPpmPerCode; }
 // `ppm`: output sample k is the input at time t_k, t_{k+1} = t_k + 1/(1 + ppm
 // 1e-6). A windowed-sinc interpolator (32 taps, 2048 fractions) keeps the band
 // of a DAB signal clean to far below the noise of an 8-bit sample.
-class ConverterClock {
-public:
+struct ConverterClock {
     ConverterClock() : table_(kPhases * 2 * kTaps) {
         // Row p: weights of taps j = -15 .. 16 for the fraction p/kPhases,
         // each twice to line up with I and Q: sinc(j - f) under a Blackman
@@ -46,21 +45,18 @@ public:
         buffer_.assign(kHalf, std::complex<float>(0, 0));
     }
 
-    void SetPpm(double ppm) { step_ = 1.0 / (1.0 + ppm * 1e-6); }
-    double Step() const { return step_; }
-    double NextInputTime() const { return time_; }
-    int64_t NextOutputIndex() const { return produced_; }
+    void SetPpm(double ppm) { step = 1.0 / (1.0 + ppm * 1e-6); }
 
     // Appends the output samples that `n` more input samples complete.
     void Process(const std::complex<float>* in, size_t n, std::vector<std::complex<float>>& out) {
         buffer_.insert(buffer_.end(), in, in + n);
         const int64_t end = base_ + static_cast<int64_t>(buffer_.size());
         for (;;) {
-            const double whole = std::floor(time_);
+            const double whole = std::floor(time);
             const int64_t i = static_cast<int64_t>(whole);
             if (i + kHalf + 1 >= end) break;
             // The nearest of the table's fractions: a timing step of at most 1/4096 sample.
-            int p = static_cast<int>((time_ - whole) * kPhases + 0.5);
+            int p = static_cast<int>((time - whole) * kPhases + 0.5);
             const int64_t first = i + (p == kPhases ? 1 : 0) - (kHalf - 1) - base_;
             if (p == kPhases) p = 0;
             if (p == 0) {
@@ -74,21 +70,22 @@ public:
                     for (int m = 0; m < 8; ++m) acc[m] += x[j + m] * w[j + m];
                 out.emplace_back((acc[0] + acc[2]) + (acc[4] + acc[6]), (acc[1] + acc[3]) + (acc[5] + acc[7]));
             }
-            time_ += step_;
-            ++produced_;
+            time += step;
+            ++produced;
         }
         // Keep what the next output still needs.
-        const int64_t keepFrom = static_cast<int64_t>(std::floor(time_)) - kHalf;
+        const int64_t keepFrom = static_cast<int64_t>(std::floor(time)) - kHalf;
         if (keepFrom > base_ + 4096) {
             buffer_.erase(buffer_.begin(), buffer_.begin() + static_cast<std::ptrdiff_t>(keepFrom - base_));
             base_ = keepFrom;
         }
     }
 
+    double step = 1.0;      // input samples per output sample
+    double time = 0.0;      // input time of the next output sample
+    int64_t produced = 0;   // output samples so far
+
 private:
-    double step_ = 1.0;     // input samples per output sample
-    double time_ = 0.0;     // input time of the next output sample
-    int64_t produced_ = 0;  // output samples so far
     int64_t base_ = -kHalf; // input index of buffer_[0]
     std::vector<std::complex<float>> buffer_;
     std::vector<float> table_;
@@ -114,8 +111,7 @@ void DabSignal::GenerateFrame() {
     // Where this frame's phase reference leaves the converter: its input time
     // is the frame's start plus the null symbol.
     const double input = static_cast<double>(frames_) * g.frameSamples + g.nullSamples;
-    keptStarts_.push_back(double(converter_->NextOutputIndex()) +
-                          (input - converter_->NextInputTime()) / converter_->Step());
+    keptStarts_.push_back(double(converter_->produced) + (input - converter_->time) / converter_->step);
     keptBits_.push_back(frameBits_);
     if (static_cast<int>(keptBits_.size()) > kept_) {
         keptBits_.pop_front();

@@ -27,7 +27,7 @@
 
 namespace mvdab::test {
 
-class ConverterClock;
+struct ConverterClock;
 
 // The fake device's sample-rate register in ppm.
 double RegisterPpm();
@@ -39,8 +39,6 @@ public:
     // `keptFrames` frames stay known.
     DabSignal(int mode, const gen::ChannelParams& channel, uint64_t bitsSeed = 1, int keptFrames = 12);
     ~DabSignal();
-    DabSignal(const DabSignal&) = delete;
-    DabSignal& operator=(const DabSignal&) = delete;
 
     // The next `count` bytes (even: whole samples), or the next IqFrame.
     void Read(uint8_t* out, size_t count);
