@@ -1,4 +1,4 @@
-// Tuning through MVDAB_SetFreqAndBW's internal verb: tuner calls, the learned
+// Tuning through the host's set-frequency verb: tuner calls, the learned
 // sample-clock offsets per frequency, the requests it posts, and its failures.
 #include <gtest/gtest.h>
 
@@ -16,35 +16,30 @@ using test::FrameHarness;
 constexpr int32_t kChannelA = 227360;
 constexpr int32_t kChannelB = 225648;
 
-// Serves the pending request as the next frame step would, so that the
-// request words read 0 again.
-void ServeRequests(FrameHarness& h) { h.PushSilentFrames(1); }
-
 int32_t CodeOf(float ppm) {
     const int32_t c = SampleRateOffsetCode(ppm);
     return c >= 0x2000 ? c - 0x4000 : c;
 }
 
-TEST(DeviceTuning, FirstTuningCallsTheTunerWritesZeroOffsetAndPostsARetune) {
-    FrameHarness h(2);
-    ASSERT_TRUE(h.ready());
-    Device().demod[1][0x3F] = 0x55;
-    Device().system[1] = 0x04;
-    receptionLine.goodReceptionCount = 17;
-    ASSERT_EQ(h.Tune(kChannelA), 1);
-    EXPECT_EQ(Device().frequency, kChannelA);
-    EXPECT_EQ(Device().bandwidth, 1) << "tuner type 2 takes bandwidth code 1";
-    EXPECT_EQ(Device().updates, 1);
-    EXPECT_EQ(test::SampleRateRegister(), 0);
-    EXPECT_EQ(tuningStorage.currentFrequency, kChannelA);
-    EXPECT_EQ(tuningStorage.bandwidthCode, 1);
-    EXPECT_EQ(TunedBandwidthCode(), 1);
-    EXPECT_EQ(receiverStatus.retuneRequest, 1);
-    EXPECT_EQ(Device().system[1] & 0x04, 0) << "the reception line is switched off";
-    EXPECT_EQ(receptionLine.goodReceptionCount, 0);
-}
-
-TEST(DeviceTuning, UnknownTunerTypeMakesNoTunerCall) {
+TEST(DeviceTuningFirst, CallsTheTunerWritesZeroOffsetAndPostsARetune) {
+    {
+        FrameHarness h(2);
+        ASSERT_TRUE(h.ready());
+        Device().demod[1][0x3F] = 0x55;
+        Device().system[1] = 0x04;
+        receptionLine.goodReceptionCount = 17;
+        ASSERT_EQ(h.Tune(kChannelA), 1);
+        EXPECT_EQ(Device().frequency, kChannelA);
+        EXPECT_EQ(Device().bandwidth, 1) << "tuner type 2 takes bandwidth code 1";
+        EXPECT_EQ(TunedBandwidthCode(), 1);
+        EXPECT_EQ(Device().updates, 1);
+        EXPECT_EQ(test::SampleRateRegister(), 0);
+        EXPECT_EQ(tuningStorage.currentFrequency, kChannelA);
+        EXPECT_EQ(receiverStatus.retuneRequest, 1);
+        EXPECT_EQ(Device().system[1] & 0x04, 0) << "the reception line is switched off";
+        EXPECT_EQ(receptionLine.goodReceptionCount, 0);
+    }
+    // An unknown tuner type makes no tuner call, but acquisition restarts.
     FrameHarness h(9);
     ASSERT_TRUE(h.ready());
     ASSERT_EQ(h.Tune(kChannelA), 1);
@@ -53,12 +48,17 @@ TEST(DeviceTuning, UnknownTunerTypeMakesNoTunerCall) {
     EXPECT_EQ(receiverStatus.retuneRequest, 1);
 }
 
-TEST(DeviceTuning, FailuresOfTheTunerAndOfTheOffsetWrite) {
-    FrameHarness h(1);
-    ASSERT_TRUE(h.ready());
-    ASSERT_EQ(h.Tune(kChannelA), 1);
-    ServeRequests(h);
+class DeviceTuning : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(h.ready()); }
+    // Serves the pending request as the next frame step would.
+    void Serve() { h.PushSilentFrames(1); }
+    FrameHarness h{1};
+};
 
+TEST_F(DeviceTuning, FailuresOfTheTunerAndOfTheOffsetWrite) {
+    ASSERT_EQ(h.Tune(kChannelA), 1);
+    Serve();
     Device().failSetFrequency = true;
     EXPECT_EQ(h.Tune(kChannelB), 0);
     EXPECT_EQ(tuningStorage.currentFrequency, kChannelA) << "the old tuning stands";
@@ -73,7 +73,7 @@ TEST(DeviceTuning, FailuresOfTheTunerAndOfTheOffsetWrite) {
     const int32_t updates = Device().updates;
     ASSERT_EQ(h.Tune(kChannelA), 1);
     EXPECT_EQ(Device().updates, updates + 1);
-    ServeRequests(h);
+    Serve();
 
     Device().failWritePage = 1;
     Device().failWriteAddr = 0x3E;
@@ -82,14 +82,13 @@ TEST(DeviceTuning, FailuresOfTheTunerAndOfTheOffsetWrite) {
     EXPECT_EQ(receiverStatus.retuneRequest, 0) << "acquisition isn't restarted";
 }
 
-TEST(DeviceTuning, LearnedOffsetsFollowTheirFrequency) {
-    FrameHarness h(1);
-    ASSERT_TRUE(h.ready());
+TEST_F(DeviceTuning, LearnedOffsetsFollowTheirFrequency) {
     ASSERT_EQ(h.Tune(kChannelA), 1);
     RecordLearnedClockOffset(5.0f);
     ASSERT_NE(FindCachedFrequency(kChannelA), nullptr);
     EXPECT_FLOAT_EQ(FindCachedFrequency(kChannelA)->learnedPpm, 5.0f);
     EXPECT_FLOAT_EQ(clockOffsetTotalPpm, 5.0f);
+    EXPECT_EQ(FindCachedFrequency(kChannelB), nullptr);
     // A second look in the same tuning adds nothing and makes no record.
     RecordLearnedClockOffset(2.0f);
     EXPECT_FLOAT_EQ(clockOffsetTotalPpm, 5.0f);
@@ -109,11 +108,9 @@ TEST(DeviceTuning, LearnedOffsetsFollowTheirFrequency) {
     EXPECT_EQ(test::SampleRateRegister(), CodeOf(3.0f));
 }
 
-TEST(DeviceTuning, RecordOfTheCurrentTuningIsWrittenAtTheNextCallOnTheSameFrequency) {
-    FrameHarness h(1);
-    ASSERT_TRUE(h.ready());
+TEST_F(DeviceTuning, RecordOfTheCurrentTuningIsWrittenAtTheNextCallOnTheSameFrequency) {
     ASSERT_EQ(h.Tune(kChannelA), 1);
-    ServeRequests(h);
+    Serve();
     RecordLearnedClockOffset(-4.0f);
     receiverStatus.syncState = 4;  // even with a clean FIC
     const int32_t updates = Device().updates;
@@ -122,25 +119,24 @@ TEST(DeviceTuning, RecordOfTheCurrentTuningIsWrittenAtTheNextCallOnTheSameFreque
     EXPECT_EQ(test::SampleRateRegister(), CodeOf(-4.0f));
     EXPECT_EQ(receiverStatus.retuneRequest, 1);
     EXPECT_EQ(receiverStatus.serviceResetRequest, 0);
-    ServeRequests(h);
+    Serve();
     // Applied now: the next call on the clean frequency only resets services.
     receiverStatus.syncState = 4;
     ASSERT_EQ(h.Tune(kChannelA), 1);
     EXPECT_EQ(receiverStatus.serviceResetRequest, 1);
 }
 
-TEST(DeviceTuning, StopMakesTheSameFrequencyNewAndResumesTheSamples) {
-    FrameHarness h(1);
-    ASSERT_TRUE(h.ready());
+TEST_F(DeviceTuning, StopAndStartOfTheSamples) {
     ASSERT_EQ(h.Tune(kChannelA), 1);
     RecordLearnedClockOffset(7.0f);
-    ServeRequests(h);
+    Serve();
     ASSERT_EQ(StopSamples(), 1);
     EXPECT_FALSE(Device().streaming);
     EXPECT_EQ(tuningStorage.currentFrequency, 0);
     EXPECT_EQ(StopSamples(), 1) << "a second stop only clears the frequency again";
     EXPECT_EQ(Device().releases, 1);
     EXPECT_EQ(pipeline.acquisitionState, -2);
+    // Tuning the same frequency again is a new tuning and resumes the samples.
     const int32_t updates = Device().updates;
     ASSERT_EQ(h.Tune(kChannelA), 1);
     EXPECT_TRUE(Device().streaming);
@@ -148,21 +144,18 @@ TEST(DeviceTuning, StopMakesTheSameFrequencyNewAndResumesTheSamples) {
     // The chip set-up zeroed the offset; the learned one is written again.
     EXPECT_EQ(test::SampleRateRegister(), CodeOf(7.0f));
     EXPECT_EQ(receiverStatus.retuneRequest, 1);
-}
 
-TEST(DeviceTuning, StartAfterStopResetsTheStatus) {
-    FrameHarness h(1);
-    ASSERT_TRUE(h.ready());
+    int32_t registrations = Device().registrations;
     EXPECT_EQ(StartSamples(), 1) << "samples already flow: nothing to do";
-    EXPECT_EQ(Device().registrations, 0);
+    EXPECT_EQ(Device().registrations, registrations);
+    // A start after a stop resets the status.
     receiverStatus.signalPresent = 1;
     receiverStatus.syncState = 4;
     ASSERT_EQ(StopSamples(), 1);
     ASSERT_EQ(StartSamples(), 1);
     EXPECT_EQ(receiverStatus.signalPresent, 0);
     EXPECT_EQ(receiverStatus.syncState, 0);
-    EXPECT_EQ(Device().registrations, 1);
-
+    EXPECT_EQ(Device().registrations, registrations + 1);
     // A stop the device refuses leaves the receiver running.
     Device().failRelease = true;
     EXPECT_EQ(StopSamples(), 0);
@@ -174,7 +167,7 @@ TEST(DeviceTuning, StartAfterStopResetsTheStatus) {
     Device().failAllWrites = true;
     EXPECT_EQ(StartSamples(), 0);
     Device().failAllWrites = false;
-    const int32_t registrations = Device().registrations;
+    registrations = Device().registrations;
     EXPECT_EQ(StartSamples(), 1);
     EXPECT_EQ(Device().registrations, registrations);
 }

@@ -1,5 +1,5 @@
 // The acquisition state machine driven frame by frame on signals without DAB
-// structure, and the host's requests that steer it.
+// structure, the host's requests that steer it, and the status queries.
 #include <gtest/gtest.h>
 
 #include <vector>
@@ -13,79 +13,48 @@
 namespace mvdab {
 namespace {
 
-using test::FrameHarness;
-
 constexpr int32_t kSearchFrames = 7;
 constexpr int32_t kHoldoffFrames = 4;
+constexpr int32_t kRound = kSearchFrames + kHoldoffFrames;
 
-// acquisitionState after each of `count` noise frames.
-std::vector<int32_t> StatesOverNoise(FrameHarness& h, int32_t count, uint32_t seed) {
-    std::vector<int32_t> states;
-    for (int32_t i = 0; i < count; ++i) {
-        h.PushNoiseFrames(1, seed + uint32_t(i));
-        states.push_back(pipeline.acquisitionState);
-    }
-    return states;
-}
+class ReceiverStateMachine : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(h.ready()); }
+    test::FrameHarness h;
+};
 
-TEST(ReceiverStateMachine, ParkedUntilTheFirstTuning) {
-    FrameHarness h;
-    ASSERT_TRUE(h.ready());
+TEST_F(ReceiverStateMachine, ParkedUntilTheFirstTuning) {
     h.PushNoiseFrames(5);
     EXPECT_EQ(pipeline.acquisitionState, -2);
     EXPECT_EQ(receiverStatus.syncState, 0);
-    EXPECT_EQ(receiverStatus.signalPresent, 0);
     int32_t present = 9;
-    int32_t locked = 9;
     int32_t quality = 9;
     EXPECT_EQ(QuerySignalPresent(&present), 1);
     EXPECT_EQ(present, 0);
-    EXPECT_EQ(QuerySignalLock(&locked), 0);
-    EXPECT_EQ(locked, 9);
     EXPECT_EQ(QuerySignalQuality(&quality), 1);
     EXPECT_EQ(quality, 0);
 }
 
-TEST(ReceiverStateMachine, NoiseCyclesSevenFramesOfSearchAndFourOfHoldOff) {
-    FrameHarness h;
-    ASSERT_TRUE(h.ready());
+TEST_F(ReceiverStateMachine, NoiseCyclesSevenFramesOfSearchAndFourOfHoldOff) {
     ASSERT_EQ(h.Tune(227360), 1);
-    const std::vector<int32_t> states = StatesOverNoise(h, 3 * (kSearchFrames + kHoldoffFrames), 100);
-    // Round r: the retune (or the end of the hold-off) puts state 0 in
-    // place, then 7 frames of search, then 4 of hold-off.
-    std::vector<int32_t> expected;
-    for (int32_t round = 0; round < 3; ++round) {
-        for (int32_t i = 0; i < kSearchFrames - 1; ++i) expected.push_back(0);
-        for (int32_t i = 0; i < kHoldoffFrames; ++i) expected.push_back(-1);
-        expected.push_back(0);
+    std::vector<int32_t> states, present, expectedStates, expectedPresent;
+    for (int32_t i = 0; i < 3 * kRound; ++i) {
+        h.PushNoiseFrames(1, 100 + uint32_t(i));
+        states.push_back(pipeline.acquisitionState);
+        present.push_back(receiverStatus.signalPresent);
+        // Each round: the retune (or the end of the hold-off) puts state 0 in
+        // place, then 7 frames of search, then 4 of hold-off.
+        const int32_t k = i % kRound;
+        expectedStates.push_back(k < kSearchFrames - 1 || k == kRound - 1 ? 0 : -1);
+        // -1 once the first search has failed; later rounds don't reset it.
+        expectedPresent.push_back(i < kSearchFrames - 1 ? 0 : -1);
     }
-    EXPECT_EQ(states, expected);
-    EXPECT_EQ(receiverStatus.signalPresent, -1);
+    EXPECT_EQ(states, expectedStates);
+    EXPECT_EQ(present, expectedPresent);
     EXPECT_EQ(receiverStatus.syncState, 0);
 }
 
-TEST(ReceiverStateMachine, SignalPresentFallsToMinusOneAfterTheFirstRound) {
-    FrameHarness h;
-    ASSERT_TRUE(h.ready());
-    ASSERT_EQ(h.Tune(227360), 1);
-    for (int32_t i = 0; i < kSearchFrames - 1; ++i) {
-        h.PushNoiseFrames(1, 7 + uint32_t(i));
-        EXPECT_EQ(receiverStatus.signalPresent, 0) << "frame " << i;
-    }
-    h.PushNoiseFrames(1, 50);
-    EXPECT_EQ(receiverStatus.signalPresent, -1);
-    int32_t locked = 9;
-    EXPECT_EQ(QuerySignalLock(&locked), 1);
-    EXPECT_EQ(locked, 0);
-    // It stays -1 through the following rounds: the search restarts but
-    // doesn't reset what the host reads.
-    h.PushNoiseFrames(2 * (kSearchFrames + kHoldoffFrames), 60);
-    EXPECT_EQ(receiverStatus.signalPresent, -1);
-}
-
-TEST(ReceiverStateMachine, RetuneDuringHoldOffStartsTheSearchAtOnce) {
-    FrameHarness h;
-    ASSERT_TRUE(h.ready());
+TEST_F(ReceiverStateMachine, RetuneDuringHoldOffStartsTheSearchAtOnce) {
     ASSERT_EQ(h.Tune(227360), 1);
     h.PushNoiseFrames(kSearchFrames + 1, 3);
     ASSERT_EQ(pipeline.acquisitionState, -1);
@@ -97,9 +66,7 @@ TEST(ReceiverStateMachine, RetuneDuringHoldOffStartsTheSearchAtOnce) {
     EXPECT_EQ(receiverStatus.retuneRequest, 0);
 }
 
-TEST(ReceiverStateMachine, SameFrequencyWithCleanFicAsksOnlyForAServiceReset) {
-    FrameHarness h;
-    ASSERT_TRUE(h.ready());
+TEST_F(ReceiverStateMachine, SameFrequencyWithCleanFicAsksOnlyForAServiceReset) {
     ASSERT_EQ(h.Tune(227360), 1);
     const int32_t updates = test::Device().updates;
     h.PushNoiseFrames(2, 9);
@@ -118,7 +85,6 @@ TEST(ReceiverStateMachine, SameFrequencyWithCleanFicAsksOnlyForAServiceReset) {
     EXPECT_EQ(receiverStatus.signalPresent, 1);
     EXPECT_EQ(pipeline.acquisitionState, -2) << "sync is kept";
     EXPECT_EQ(receiverStatus.syncState, 4);
-
     // The same frequency without a clean FIC restarts acquisition.
     receiverStatus.syncState = 5;
     ASSERT_EQ(h.Tune(227360), 1);
@@ -128,37 +94,23 @@ TEST(ReceiverStateMachine, SameFrequencyWithCleanFicAsksOnlyForAServiceReset) {
     EXPECT_EQ(pipeline.acquisitionState, 0);
 }
 
-TEST(ReceiverStateMachine, LockQueryHasThreeAnswers) {
-    FrameHarness h;
-    ASSERT_TRUE(h.ready());
-    struct Case {
-        int32_t present, sync, result, written;
-    };
-    const Case cases[] = {
-        {-1, 0, 1, 0}, {1, 4, 1, 1}, {1, 5, 1, 1}, {1, 3, 0, 77}, {1, 2, 0, 77}, {0, 4, 0, 77}, {0, 0, 0, 77},
-    };
-    for (const Case& c : cases) {
-        receiverStatus.signalPresent = c.present;
-        receiverStatus.syncState = c.sync;
+TEST_F(ReceiverStateMachine, LockQueryHasThreeAnswersAndQualityIsAStaircase) {
+    // {signalPresent, syncState, result, value written (77: untouched)}
+    const int32_t locks[][4] = {{-1, 0, 1, 0},  {1, 4, 1, 1},  {1, 5, 1, 1}, {1, 3, 0, 77},
+                                {1, 2, 0, 77}, {0, 4, 0, 77}, {0, 0, 0, 77}};
+    for (const auto& c : locks) {
+        receiverStatus.signalPresent = c[0];
+        receiverStatus.syncState = c[1];
         int32_t locked = 77;
-        EXPECT_EQ(QuerySignalLock(&locked), c.result) << c.present << "/" << c.sync;
-        EXPECT_EQ(locked, c.written) << c.present << "/" << c.sync;
+        EXPECT_EQ(QuerySignalLock(&locked), c[2]) << c[0] << "/" << c[1];
+        EXPECT_EQ(locked, c[3]) << c[0] << "/" << c[1];
     }
+    const std::pair<float, int32_t> steps[] = {{10.0001f, 100}, {10.0f, 80}, {8.0001f, 80}, {8.0f, 50},
+                                               {5.0001f, 50},   {5.0f, 30},  {-20.0f, 30}};
+    for (auto [snr, quality] : steps) EXPECT_EQ(QualityStep(snr), quality) << snr;
 }
 
-TEST(ReceiverStateMachine, QualityStaircaseBoundaries) {
-    EXPECT_EQ(QualityStep(10.0f), 80);
-    EXPECT_EQ(QualityStep(10.0001f), 100);
-    EXPECT_EQ(QualityStep(8.0f), 50);
-    EXPECT_EQ(QualityStep(8.0001f), 80);
-    EXPECT_EQ(QualityStep(5.0f), 30);
-    EXPECT_EQ(QualityStep(5.0001f), 50);
-    EXPECT_EQ(QualityStep(-20.0f), 30);
-}
-
-TEST(ReceiverStateMachine, ResyncRestartsWithoutHoldOffAndMarksServicesDirty) {
-    FrameHarness h;
-    ASSERT_TRUE(h.ready());
+TEST_F(ReceiverStateMachine, ResyncRestartsWithoutHoldOffAndMarksServicesDirty) {
     ASSERT_EQ(h.Tune(227360), 1);
     h.PushNoiseFrames(3, 21);
     pipeline.resyncRequest = 1;
@@ -171,9 +123,7 @@ TEST(ReceiverStateMachine, ResyncRestartsWithoutHoldOffAndMarksServicesDirty) {
     EXPECT_EQ(receiverStatus.signalPresent, 1) << "a resync leaves signalPresent as it was";
 }
 
-TEST(ReceiverStateMachine, StopParksAndForgetsTheOlderSlots) {
-    FrameHarness h;
-    ASSERT_TRUE(h.ready());
+TEST_F(ReceiverStateMachine, StopParksAndForgetsTheOlderSlots) {
     ASSERT_EQ(h.Tune(227360), 1);
     h.PushNoiseFrames(2, 31);
     workBlocks.middleSlot = workBlocks.workingPool + kMiddleSlotOffset;
