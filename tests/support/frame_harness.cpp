@@ -39,7 +39,6 @@ int32_t FakeFilterInit(int32_t) { return 1; }
 int32_t FakeFilterRelease(int32_t) { return 1; }
 int32_t FakeSetEventHandle(MVA_EventHandle*) {
     ++device.registrations;
-    if (device.failRegistration) return 0;
     device.streaming = true;
     return 1;
 }
@@ -204,10 +203,6 @@ int32_t FrameHarness::PushIqFrame(const uint8_t* frame) {
     std::memcpy(captureBuffers.handOverBuffer, frame, kIqFrameBytes);
     ++frames_;
     return RunFrameStep();
-}
-
-void FrameHarness::PushIqFrames(const uint8_t* frames, size_t count) {
-    for (size_t i = 0; i < count; ++i) PushIqFrame(frames + i * size_t(kIqFrameBytes));
 }
 
 void FrameHarness::PushSilentFrames(int32_t count) {

@@ -48,7 +48,6 @@ struct FakeDevice {
     // Faults.
     bool failSetFrequency;       // MVA_Set_Frequency returns 0
     bool failDeviceUpdate;       // MVA_DeviceUpdate returns 0
-    bool failRegistration;       // MVA_SetDABEventHandle returns 0
     bool failRelease;            // MVA_ReleaseDABEventHandle returns 0
     bool failAllWrites;          // every register write returns 0 (and changes nothing)
     int32_t failReadPage;        // a demod read touching (page, addr) returns 0; -1 none
@@ -85,8 +84,6 @@ public:
     // One IqFrame (kIqFrameBytes bytes) through the hand-over buffer, then
     // one RunFrameStep. Returns its result.
     int32_t PushIqFrame(const uint8_t* frame);
-    // `count` whole IqFrames back to back.
-    void PushIqFrames(const uint8_t* frames, size_t count);
     // A frame of constant bytes (127/128 alternate: no power, no structure).
     void PushSilentFrames(int32_t count);
     // Seeded white noise of about `rms` per rail around 127.5.
