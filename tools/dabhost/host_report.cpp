@@ -1,6 +1,5 @@
 #include "host_report.h"
 
-#include <cstdarg>
 #include <cstdio>
 #include <map>
 
@@ -9,30 +8,8 @@
 
 namespace {
 
-std::string Format(const char* format, ...) __attribute__((format(printf, 1, 2)));
-std::string Format(const char* format, ...) {
-    char text[512];
-    va_list args;
-    va_start(args, format);
-    std::vsnprintf(text, sizeof text, format, args);
-    va_end(args);
-    return text;
-}
-
-std::string JsonString(const std::string& s) {
-    std::string out = "\"";
-    for (unsigned char ch : s) {
-        if (ch == '"' || ch == '\\') {
-            out += '\\';
-            out += char(ch);
-        } else if (ch < 0x20) {
-            out += Format("\\u%04x", ch);
-        } else {
-            out += char(ch);
-        }
-    }
-    return out + "\"";
-}
+using ficparse::Format;
+using ficparse::JsonString;
 
 std::string JsonSeconds(double s) { return s < 0.0 ? std::string("null") : Format("%.3f", s); }
 

@@ -4,17 +4,31 @@
 
 namespace ficparse {
 
-namespace {
-
-std::string Format(const char* format, ...) __attribute__((format(printf, 1, 2)));
 std::string Format(const char* format, ...) {
-    char text[256];
+    char text[512];
     va_list args;
     va_start(args, format);
     std::vsnprintf(text, sizeof text, format, args);
     va_end(args);
     return text;
 }
+
+std::string JsonString(const std::string& s) {
+    std::string out = "\"";
+    for (unsigned char ch : s) {
+        if (ch == '"' || ch == '\\') {
+            out += '\\';
+            out += static_cast<char>(ch);
+        } else if (ch < 0x20) {
+            out += Format("\\u%04x", ch);
+        } else {
+            out += static_cast<char>(ch);
+        }
+    }
+    return out + "\"";
+}
+
+namespace {
 
 std::string ServiceIdHex(const Service& s) { return Format(s.longId ? "0x%08X" : "0x%04X", s.id); }
 
@@ -69,20 +83,6 @@ std::string ComponentText(const Component& c) {
     return text;
 }
 
-std::string JsonString(const std::string& s) {
-    std::string out = "\"";
-    for (unsigned char ch : s) {
-        if (ch == '"' || ch == '\\') {
-            out += '\\';
-            out += static_cast<char>(ch);
-        } else if (ch < 0x20) {
-            out += Format("\\u%04x", ch);
-        } else {
-            out += static_cast<char>(ch);
-        }
-    }
-    return out + "\"";
-}
 
 std::string JsonBool(bool b) { return b ? "true" : "false"; }
 std::string JsonInt(int value, bool known) { return known ? std::to_string(value) : "null"; }

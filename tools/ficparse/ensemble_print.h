@@ -22,4 +22,10 @@ void PrintEnsembleText(const Ensemble& ensemble, FILE* out, const FicStatistics*
 std::string EnsembleJson(const Ensemble& ensemble, const FicStatistics* statistics = nullptr);
 void PrintEnsembleJson(const Ensemble& ensemble, FILE* out, const FicStatistics* statistics = nullptr);
 
+// printf into a string (at most 511 characters), and a string as a quoted
+// JSON string with its quotes, backslashes and control characters escaped:
+// helpers for hosts that add their own lines around the ensemble.
+std::string Format(const char* format, ...) __attribute__((format(printf, 1, 2)));
+std::string JsonString(const std::string& s);
+
 }  // namespace ficparse

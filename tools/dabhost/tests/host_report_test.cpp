@@ -19,7 +19,13 @@ TunedResult Found(int32_t khz) {
                        parser.statistics()};
 }
 
-TunedResult Empty(int32_t khz, WaitOutcome outcome) { return TunedResult{khz, outcome, 0, -1.0, 0.9}; }
+TunedResult Empty(int32_t khz, WaitOutcome outcome) {
+    TunedResult r;
+    r.frequencyKhz = khz;
+    r.outcome = outcome;
+    r.decidedSeconds = 0.9;
+    return r;
+}
 
 // Every part is found in `s`.
 void ExpectParts(const std::string& s, std::initializer_list<const char*> parts) {
