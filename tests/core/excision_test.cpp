@@ -142,7 +142,9 @@ TEST_F(Excision, OtherModesAndSwitchedOffLeaveTheWeightsAlone) {
 TEST_F(Excision, NoFalseAlarmsOnNoisyCarriersAfterTheWarmUp) {
     for (int32_t frame = 1; frame <= 40; ++frame) {
         Examine({}, 0.0f, std::sqrt(0.5f));
-        if (frame > 8) EXPECT_TRUE(Blanked().empty()) << "frame " << frame;
+        if (frame > 8) {
+            EXPECT_TRUE(Blanked().empty()) << "frame " << frame;
+        }
     }
 }
 

@@ -125,13 +125,13 @@ TEST(FicParser, CrcFlagsSelectFibs) {
     // the flags cover twelve.
     Bytes frame;
     for (int i = 0; i < 13; ++i) {
-        const Bytes fib = Fib({Fig1(0, 0x1000, "L" + std::to_string(i), 0)});
+        const Bytes fib = Fib({Fig1(0, 0x1000, std::string("L").append(std::to_string(i)), 0)});
         frame.insert(frame.end(), fib.begin(), fib.end());
     }
     for (int i = 0; i < 12; ++i) {
         FicParser parser;
         parser.PushFibs(frame.data(), int32_t(frame.size()), (0x8000 >> i) | 1);
-        EXPECT_EQ(parser.ensemble().label.text, "L" + std::to_string(i));
+        EXPECT_EQ(parser.ensemble().label.text, std::string("L").append(std::to_string(i)));
         EXPECT_EQ(parser.statistics().fibsBad, 11u);
     }
     FicParser all;
