@@ -88,14 +88,21 @@ void Measure(benchmark::State& state, Call call) {
 
 const char* const kModeNames[4] = {"mode I", "mode II", "mode III", "mode IV"};
 
-void BM_SearchIqFrame(benchmark::State& state) {
-    const int32_t m = static_cast<int32_t>(state.range(0));
+// Opens the receiver memory and puts one IqFrame of mode `m` into the newest
+// slot; false (the benchmark skipped) without memory.
+bool LoadIqFrame(benchmark::State& state, int32_t m) {
     if (!Open()) {
         state.SkipWithError("no receiver memory");
-        return;
+        return false;
     }
     const std::vector<uint8_t> frame = SignalBytes(m, kIqFrameBytes);
     std::copy(frame.begin(), frame.end(), workBlocks.newestSlot);
+    return true;
+}
+
+void BM_SearchIqFrame(benchmark::State& state) {
+    const int32_t m = static_cast<int32_t>(state.range(0));
+    if (!LoadIqFrame(state, m)) return;
     ResetCoarseSearch();
     Measure(state, [] { benchmark::DoNotOptimize(CoarseFrameSearch()); });
     state.SetLabel(kModeNames[m]);
@@ -103,12 +110,7 @@ void BM_SearchIqFrame(benchmark::State& state) {
 
 void BM_ConfirmIqFrame(benchmark::State& state) {
     const int32_t m = static_cast<int32_t>(state.range(0));
-    if (!Open()) {
-        state.SkipWithError("no receiver memory");
-        return;
-    }
-    const std::vector<uint8_t> frame = SignalBytes(m, kIqFrameBytes);
-    std::copy(frame.begin(), frame.end(), workBlocks.newestSlot);
+    if (!LoadIqFrame(state, m)) return;
     WriteReceiverSettings();
     receiverSettings.nullAgreementTolerance = 0;
     ResetCoarseSearch();

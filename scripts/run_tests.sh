@@ -53,7 +53,7 @@ export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1"
 export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
 export TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1"
 
-run_suite "Release" "$root/build/release" -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=ON
+run_suite "Release" "$root/build/release" -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=ON -DMVDAB_BENCH=ON
 run_suite "ASan+UBSan" "$root/build/asan" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMVDAB_SANITIZE=address -DMVDAB_BENCH=OFF -DBUILD_TESTING=ON
 run_suite "TSan" "$root/build/tsan" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMVDAB_SANITIZE=thread -DMVDAB_BENCH=OFF -DBUILD_TESTING=ON
 
