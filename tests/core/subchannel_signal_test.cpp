@@ -4,6 +4,7 @@
 // de-interleaver's fill.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <iterator>
 #include <string>
 #include <vector>
@@ -13,6 +14,7 @@
 #include "mvxdab.h"
 #include "receiver/receiver_state.h"
 #include "services/service_component.h"
+#include "services/service_requests.h"
 #include "tests/support/msc_feed.h"
 
 namespace mvdab {
@@ -128,6 +130,61 @@ TEST(SubChannelSignal, EveryUepRowAndEepLevelDecodesBitExactly) {
         }
     }
     EXPECT_EQ(tried, 73);
+}
+
+// The logical frames of sub-channel `id` that the deliveries carried, in
+// order; -1 for a logical frame that was never sent.
+std::vector<int64_t> DeliveredLogicalFrames(const MscFeed& feed, int32_t id, size_t frameBytes) {
+    std::vector<int64_t> frames;
+    const std::vector<uint8_t>& sent = feed.Sent(id);
+    for (const test::MscDelivery& d : feed.deliveries()) {
+        for (size_t at = 0; at + frameBytes <= d.bytes.size(); at += frameBytes) {
+            int64_t found = -1;
+            for (size_t k = 0; (k + 1) * frameBytes <= sent.size() && found < 0; ++k)
+                if (std::equal(d.bytes.begin() + at, d.bytes.begin() + at + frameBytes, sent.begin() + k * frameBytes))
+                    found = int64_t(k);
+            frames.push_back(found);
+        }
+    }
+    return frames;
+}
+
+TEST(SubChannelSignal, AnnouncedReconfigurationIsFollowedAtItsCif) {
+    // Sub-channel 0 moves from CU 0 (EEP 3-A) to CU 400 (EEP 2-A) at CIF 417,
+    // the second CIF of a mode I frame. Logical frame k leaves the
+    // de-interleaver in CIF k + 15, so the old record's last CIF, 416, holds
+    // logical frame 401, and the transmitter's interleaver, restarted for the
+    // new size, never completes 402..416. The new record is set up at the
+    // next frame (CIF 420) and delivers from its fifth frame (CIF 436) on,
+    // that is logical frame 421 on.
+    MscFeed feed(Preset("reconfigure", 1), gen::ChannelParams{});
+    ASSERT_TRUE(feed.ok()) << feed.error();
+    ASSERT_TRUE(feed.PushUntilLocked(2.0));
+    ASSERT_EQ(feed.Add(0, 0), 1);
+    feed.Push(4.0);
+    ASSERT_EQ(feed.AnnounceChange(0, 417), 1);
+    feed.Push(11.5 - feed.seconds());
+    ASSERT_NE(receiverStatus.activeServices, nullptr);
+    EXPECT_EQ(receiverStatus.activeServices->startAddress, 400);
+    EXPECT_EQ(receiverStatus.activeServices->reconfiguration, nullptr);
+    EXPECT_EQ(cifCountWanted, 0);
+
+    const std::vector<int64_t> frames = DeliveredLogicalFrames(feed, 0, 3 * 64);
+    ASSERT_GT(frames.size(), 100u);
+    int64_t gaps = 0;
+    for (size_t i = 0; i < frames.size(); ++i) {
+        ASSERT_GE(frames[i], 0) << "delivered logical frame " << i << " was never sent";
+        if (i == 0 || frames[i] == frames[i - 1] + 1) continue;
+        ++gaps;
+        EXPECT_EQ(frames[i - 1], 401) << "last logical frame of the old organisation";
+        EXPECT_EQ(frames[i], 421) << "first logical frame of the new organisation";
+    }
+    EXPECT_EQ(gaps, 1);
+    EXPECT_GT(frames.back(), 421);
+    // The frame of the change brought the one CIF decoded before it.
+    bool single = false;
+    for (const test::MscDelivery& d : feed.deliveries()) single = single || d.bytes.size() == 3 * 64;
+    EXPECT_TRUE(single);
 }
 
 }  // namespace
