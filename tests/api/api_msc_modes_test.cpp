@@ -59,7 +59,9 @@ constexpr double kFrameSeconds[5] = {0, 0.096, 0.024, 0.024, 0.048};
 constexpr int32_t kFramesPerStep[5] = {0, 1, 3, 3, 2};
 
 TEST(ApiMscModes, PlainSubChannelBytesAreTheBytesSentInEveryMode) {
-    const double speed = kSanitized ? 0.5 : 6.0;
+    // Faster than real time, but paced, so that the receiver's hand-over
+    // keeps up on a busy machine; sanitized builds play the signal slowed.
+    const double speed = kSanitized ? 0.5 : 3.0;
     const double signalSeconds = LongTestsWanted() ? 60.0 : 3.0;
     setenv("MVC900_SPEED", std::to_string(speed).c_str(), 1);
     unsetenv("MVC900_FAULT");
@@ -135,10 +137,29 @@ TEST(ApiMscModes, PlainSubChannelBytesAreTheBytesSentInEveryMode) {
             ASSERT_NE(at, sent.end()) << "the first bytes delivered were never sent";
             ASSERT_LE(size_t(at - sent.begin()) + received.size(), sent.size());
             auto diff = std::mismatch(received.begin(), received.end(), at);
-            EXPECT_TRUE(diff.first == received.end())
-                << "byte " << (diff.first - received.begin()) << " of " << received.size() << " differs";
-            std::printf("    mode %d, sub-channel %d: %zu bytes (%.1f s of programme) bit-exact from logical frame %zd\n",
-                        mode, id, received.size(), seconds, (at - sent.begin()) / (3 * (id == 2 ? 128 : 48)));
+            const size_t bad = size_t(diff.first - received.begin());
+            if (diff.first != received.end()) {
+                // Corrupt logical frames, and whether the stream carries on
+                // further along what was sent (frames lost on the way).
+                const size_t lf = size_t(3 * (id == 2 ? 128 : 48));
+                const size_t firstBad = bad / lf;
+                size_t badFrames = 0;
+                for (size_t f = firstBad; (f + 1) * lf <= received.size(); ++f)
+                    badFrames += std::equal(received.begin() + f * lf, received.begin() + (f + 1) * lf, at + f * lf) ? 0 : 1;
+                const size_t next = (firstBad + 20) * lf;
+                std::string skip = "no realignment";
+                if (next + lf <= received.size()) {
+                    auto again = std::search(sent.begin(), sent.end(), received.begin() + next, received.begin() + next + lf);
+                    if (again != sent.end())
+                        skip = "realigned " + std::to_string((again - sent.begin() - (at - sent.begin()) - long(next)) /
+                                                             long(lf)) + " logical frames later";
+                }
+                ADD_FAILURE() << "logical frame " << firstBad << " (" << 0.024 * firstBad << " s in) differs, "
+                              << badFrames << " differ in all, " << skip;
+            }
+            std::printf("    mode %d, sub-channel %d: %zu bytes (%.1f s of programme) from logical frame %zd, %s\n",
+                        mode, id, received.size(), seconds, (at - sent.begin()) / (3 * (id == 2 ? 128 : 48)),
+                        bad == received.size() ? "bit-exact" : "DIFFERENT");
         }
         MVDAB_CloseDevice();
     }
