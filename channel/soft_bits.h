@@ -21,28 +21,38 @@ namespace mvdab {
 // saturation. Index 31 - v for v = floor(32 x).
 extern const std::array<uint8_t, 64> kDefaultSoftBitMap;
 
+// floor(y) for a finite y with |y| below 2^31, without a call into the
+// maths library: truncation, one lower where it rounded up.
+inline int32_t FloorToInt(float y) {
+    const int32_t t = static_cast<int32_t>(y);
+    return t - (static_cast<float>(t) > y ? 1 : 0);
+}
+
+// Each scale compares the scaled value itself against the bounds, which is
+// the same as comparing its floor against them; the floor is only taken
+// inside the bounds.
 inline uint8_t FicSoftNibble(float x, uint8_t softBitMode) {
     const float scale = softBitMode == 1 ? 8.0f : 16.0f;
-    const float v = std::floor(scale * x - 0.5f);
-    if (v >= 7.0f) return 0;
-    if (v >= -8.0f) return static_cast<uint8_t>(7 - static_cast<int32_t>(v));
-    if (v < -8.0f) return 15;
+    const float y = scale * x - 0.5f;
+    if (y >= 7.0f) return 0;
+    if (y >= -8.0f) return static_cast<uint8_t>(7 - FloorToInt(y));
+    if (y < -8.0f) return 15;
     return 8;  // NaN
 }
 
 inline uint8_t MscSoftNibble(float x, uint8_t softBitMode, const uint8_t* softBitMap) {
     if (softBitMode == 1) {
-        const float v = std::floor(8.0f * x + 0.5f);
-        if (v >= 8.0f) return 0;
-        if (v >= -7.0f) return static_cast<uint8_t>(8 - static_cast<int32_t>(v));
-        if (v < -7.0f) return 15;
+        const float y = 8.0f * x + 0.5f;
+        if (y >= 8.0f) return 0;
+        if (y >= -7.0f) return static_cast<uint8_t>(8 - FloorToInt(y));
+        if (y < -7.0f) return 15;
         return 8;  // NaN
     }
-    const float v = std::floor(32.0f * x);
+    const float y = 32.0f * x;
     int32_t index;
-    if (v > 31.0f) index = 0;
-    else if (v >= -32.0f) index = 31 - static_cast<int32_t>(v);
-    else if (v < -32.0f) index = 63;
+    if (y >= 32.0f) index = 0;
+    else if (y >= -32.0f) index = 31 - FloorToInt(y);
+    else if (y < -32.0f) index = 63;
     else return 8;  // NaN
     return softBitMap[index];
 }

@@ -14,6 +14,7 @@ struct DftPlan {
     void* backward;     // implementation's plan for the backward transform
     int32_t length;     // complex points
     int32_t committed;  // 1 once ready for use
+    float* scratch;     // `length` complex on the SIMD alignment the plans were made for
 };
 extern DftPlan dftPlan;  // the receiver's one plan
 

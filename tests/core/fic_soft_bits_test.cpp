@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <limits>
+#include <vector>
 
 #include "channel/soft_bits.h"
 
@@ -54,6 +55,47 @@ TEST(SoftBits, MscScales) {
     uint8_t inverted[64];
     for (int i = 0; i < 64; ++i) inverted[i] = uint8_t(15 - kMap[i]);
     EXPECT_EQ(MscSoftNibble(0.5f, 2, inverted), 15);
+}
+
+// The conversions as written with the maths library's floor, the reference
+// that the inlined ones must equal for every float.
+uint8_t ReferenceFic(float x, uint8_t softBitMode) {
+    const float v = std::floor((softBitMode == 1 ? 8.0f : 16.0f) * x - 0.5f);
+    if (v >= 7.0f) return 0;
+    if (v >= -8.0f) return uint8_t(7 - int(v));
+    return v < -8.0f ? 15 : 8;
+}
+uint8_t ReferenceMsc(float x, uint8_t softBitMode) {
+    if (softBitMode == 1) {
+        const float v = std::floor(8.0f * x + 0.5f);
+        if (v >= 8.0f) return 0;
+        if (v >= -7.0f) return uint8_t(8 - int(v));
+        return v < -7.0f ? 15 : 8;
+    }
+    const float v = std::floor(32.0f * x);
+    if (v > 31.0f) return kMap[0];
+    if (v >= -32.0f) return kMap[31 - int(v)];
+    return v < -32.0f ? kMap[63] : 8;
+}
+
+TEST(SoftBits, InlinedFloorEqualsTheMathsLibrary) {
+    // Every step boundary of every scale with its neighbours one ulp either
+    // side, a dense grid, and the specials.
+    std::vector<float> xs = {0.0f, -0.0f, kInf, -kInf, std::nanf(""), 1e30f, -1e30f,
+                             std::numeric_limits<float>::denorm_min(), -std::numeric_limits<float>::denorm_min()};
+    for (int k = -4096; k <= 4096; ++k) {
+        const float x = float(k) / 1024.0f;
+        xs.push_back(x);
+        xs.push_back(std::nextafter(x, kInf));
+        xs.push_back(std::nextafter(x, -kInf));
+    }
+    for (int k = -200000; k <= 200000; ++k) xs.push_back(float(k) * 1.37e-5f);
+    for (float x : xs) {
+        for (uint8_t mode : {1, 2}) {
+            ASSERT_EQ(FicSoftNibble(x, mode), ReferenceFic(x, mode)) << x << " mode " << int(mode);
+            ASSERT_EQ(MscSoftNibble(x, mode, kMap), ReferenceMsc(x, mode)) << x << " mode " << int(mode);
+        }
+    }
 }
 
 }  // namespace
