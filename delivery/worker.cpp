@@ -13,14 +13,6 @@ WorkerHandOver workerHandOver;
 
 namespace {
 
-// s of a component: the bit rate in units of 8 kbit/s.
-int32_t ColumnsOf(const ServiceComponent* c) {
-    if (c->longForm == 0) return kSubChannelTable[c->tableIndex & 0x3F].bitRate / 8;
-    const int32_t level = c->protectionLevel & 3;
-    if (c->option == 0) return c->subChannelSize / kEepDivisorsA[level];
-    return 4 * (c->subChannelSize / kEepDivisorsB[level]);
-}
-
 bool SameParameters(const SubChannelParameters& a, const SubChannelParameters& b) {
     return a.subChannelId == b.subChannelId && a.transmissionMode == b.transmissionMode &&
            a.ringFrameBytes == b.ringFrameBytes && a.columns == b.columns;
@@ -28,13 +20,20 @@ bool SameParameters(const SubChannelParameters& a, const SubChannelParameters& b
 
 }  // namespace
 
+int32_t SuperframeColumns(const ServiceComponent* c) {
+    if (c->longForm == 0) return kSubChannelTable[c->tableIndex & 0x3F].bitRate / 8;
+    const int32_t level = c->protectionLevel & 3;
+    if (c->option == 0) return c->subChannelSize / kEepDivisorsA[level];
+    return 4 * (c->subChannelSize / kEepDivisorsB[level]);
+}
+
 SubChannelParameters ParametersOf(const ServiceComponent* component) {
     SubChannelParameters p;
     p.subChannelId = component->subChannelId;
     p.transmissionMode = mode.transmissionMode;
     const int32_t cifs = mode.parameters.cifsPerFrame;
     p.ringFrameBytes = cifs * component->bitsPerCif / 8;
-    p.columns = ColumnsOf(component);
+    p.columns = SuperframeColumns(component);
     // The worker assembles superframes from logical frames of 24*s bytes,
     // cifsPerFrame of them per ring slot; a sub-channel whose decoded bytes
     // are not exactly that, or beyond a slot, is not taken.

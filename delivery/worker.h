@@ -41,6 +41,9 @@ void FlushWorker();
 // flush instead, so that the worker restarts with the new sizes; a
 // component beyond 24 units of 8 kbit/s is never queued.
 void QueueFrameForWorker(ServiceComponent* component);
+// s of a component: its bit rate in units of 8 kbit/s (the divisions of the
+// long form truncate).
+int32_t SuperframeColumns(const ServiceComponent* component);
 // The parameters the worker would run with for this component; columns 0
 // for one it cannot take.
 SubChannelParameters ParametersOf(const ServiceComponent* component);

@@ -19,7 +19,10 @@
 #include "receiver/callback_slots.h"
 #include "receiver/receiver_state.h"
 #include "receiver/sync_objects.h"
+#include "services/protection_tables.h"
+#include "services/service_commands.h"
 #include "services/service_component.h"
+#include "tests/support/frame_harness.h"
 
 namespace mvdab {
 namespace {
@@ -406,6 +409,45 @@ TEST_F(SuperframeWorker, RandomBytesAndSizes) {
         FlushWorker();
         RunWorkerStep();
     }
+}
+
+// DAB+ above 192 kbit/s is refused when it is asked for, added or announced
+// as a change; plain sub-channels of that size are not affected.
+TEST(DabPlusServices, MoreThanTwentyFourUnitsAreRefused) {
+    test::FrameHarness h;
+    ASSERT_TRUE(h.ready());
+    receiverStatus.signalPresent = 1;
+    mode.transmissionMode = 0;
+    mode.parameters = kModeTable[0];
+    mode.configuredMode = 0;  // so that a frame step takes the request over
+    auto shortForm = [](int8_t type, int bitRate) {
+        int8_t index = 0;
+        while (kSubChannelTable[index].bitRate != bitRate) ++index;
+        return ServiceRequest{type, 1, 0, 0, index, 0, 0, 0};
+    };
+    auto longForm = [](int8_t type, int8_t optionAndLevel, int16_t size) {
+        return ServiceRequest{type, 1, 0, 1, 0, optionAndLevel, size, 0};
+    };
+    struct Case {
+        ServiceRequest request;
+        int32_t result;
+    };
+    const Case cases[] = {
+        {shortForm(3, 224), 0},
+        {longForm(3, 0x2, 150), 0},  // set A, level 3: 150 / 6 = 25 units
+        {longForm(3, 0x6, 126), 0},  // set B, level 3: 4 * (126 / 18) = 28 units
+        {longForm(3, 0x2, 149), 1},  // 24 units, the remainder dropped
+        {shortForm(3, 192), 1},
+        {shortForm(0, 224), 1},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(AddServiceRequest(c.request), c.result) << int(c.request.longForm) << " " << c.request.subChannelSize;
+        DeleteServiceRequest(1);
+    }
+    ASSERT_EQ(AddServiceRequest(shortForm(3, 96)), 1);
+    h.PushSilentFrames(1);
+    EXPECT_EQ(ChangeServiceOrganisation(shortForm(3, 224), 10), 0);
+    EXPECT_EQ(ChangeServiceOrganisation(shortForm(3, 192), 10), 1);
 }
 
 }  // namespace
