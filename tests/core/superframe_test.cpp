@@ -5,17 +5,20 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <condition_variable>
+#include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <random>
+#include <thread>
 #include <vector>
 
 #include "delivery/reed_solomon.h"
 #include "delivery/worker.h"
 #include "generator/payload_coding.h"
 #include "generator/payload_dabplus.h"
+#include "platform/platform.h"
 #include "receiver/callback_slots.h"
 #include "receiver/receiver_state.h"
 #include "receiver/sync_objects.h"
@@ -339,6 +342,85 @@ TEST_F(SuperframeWorker, FullRingRefusesWholeFramesAndRestartsTheSearch) {
     for (int f = 7; f < 60; ++f) Push(st.bytes.data() + f * lf);
     ASSERT_EQ(deliveries.size(), 10u);
     for (size_t k = 0; k < deliveries.size(); ++k) EXPECT_EQ(deliveries[k].bytes, st.Audio(int(k) + 2));
+}
+
+// The worker on its own thread, the host's callback stalled at the first
+// superframe while the demodulation thread goes on queueing: four frames
+// wait, the rest are refused and counted, and every superframe that comes
+// out afterwards is one that was sent, whole and in order.
+std::atomic<bool> workerRunning{false};
+std::atomic<bool> callbackStalled{false};
+std::atomic<bool> callbackReleased{false};
+
+uint32_t TestWorkerThread() {
+    while (workerRunning) {
+        if (platform::WaitEvent(&workerEvent, 20) == 1) RunWorkerStep();
+    }
+    return 1;
+}
+
+void StallOnce() {
+    if (callbackStalled.exchange(true)) return;
+    while (!callbackReleased) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
+
+TEST_F(SuperframeWorker, StalledCallbackLosesWholeFramesNeverATornOne) {
+    ASSERT_EQ(platform::InitCriticalSection(&workerLock), 1);
+    ASSERT_EQ(platform::CreateEvent(&workerEvent), 1);
+    workerRunning = true;
+    callbackStalled = false;
+    callbackReleased = false;
+    onDelivery = StallOnce;
+    platform::Thread worker;
+    ASSERT_EQ(platform::CreateThread(&worker, TestWorkerThread), 1);
+
+    Select(1, 2);
+    Stream st(2, 40, 6);
+    const int lf = 48;
+    auto queue = [&](int f) {
+        std::memcpy(decoded.data(), st.bytes.data() + f * lf, lf);
+        QueueFrameForWorker(&component);
+    };
+    int f = 0;
+    while (!callbackStalled && f < 40) {
+        queue(f++);
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    ASSERT_TRUE(callbackStalled.load());
+    const int stalledAt = f;
+    for (int k = 0; k < 10; ++k) queue(f++);
+    callbackReleased = true;
+    for (; f < 200; ++f) {
+        queue(f);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    for (int wait = 0; wait < 1000; ++wait) {
+        platform::EnterCriticalSection(&workerLock);
+        const bool empty = subChannelRing.ringRead == subChannelRing.ringWrite;
+        platform::LeaveCriticalSection(&workerLock);
+        if (empty) break;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    workerRunning = false;
+    platform::SetEvent(&workerEvent);
+    platform::JoinThread(&worker);
+    platform::CloseEvent(&workerEvent);
+    platform::DeleteCriticalSection(&workerLock);
+
+    EXPECT_EQ(stalledAt, 5);
+    EXPECT_GE(subChannelRing.droppedFrames, 6);
+    EXPECT_LE(subChannelRing.droppedFrames, 10);
+    ASSERT_GE(deliveries.size(), 30u);
+    EXPECT_EQ(deliveries[0].bytes, st.Audio(0));
+    int last = 0;
+    for (size_t k = 1; k < deliveries.size(); ++k) {
+        int found = last + 1;
+        while (found < 40 && deliveries[k].bytes != st.Audio(found)) ++found;
+        ASSERT_LT(found, 40) << "delivery " << k << " is no superframe sent after the last one";
+        last = found;
+    }
+    EXPECT_EQ(last, 39);
 }
 
 // A DAB+ service selected after another, of another size and id, without a
