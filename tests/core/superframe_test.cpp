@@ -530,6 +530,15 @@ TEST(DabPlusServices, MoreThanTwentyFourUnitsAreRefused) {
     h.PushSilentFrames(1);
     EXPECT_EQ(ChangeServiceOrganisation(shortForm(3, 224), 10), 0);
     EXPECT_EQ(ChangeServiceOrganisation(shortForm(3, 192), 10), 1);
+
+    // Removing the DAB+ service flushes the worker, so that no superframe of
+    // it comes out after the removal has been taken over.
+    workerHandOver.flushRequest = 0;
+    workerHandOver.flushState = 3;
+    ASSERT_EQ(DeleteServiceRequest(1), 1);
+    h.PushSilentFrames(1);
+    EXPECT_EQ(workerHandOver.flushRequest, 1);
+    EXPECT_EQ(workerHandOver.flushState, 2);
 }
 
 }  // namespace
