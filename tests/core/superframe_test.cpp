@@ -20,6 +20,7 @@
 #include "generator/payload_dabplus.h"
 #include "platform/platform.h"
 #include "receiver/callback_slots.h"
+#include "receiver/frame_step.h"
 #include "receiver/receiver_state.h"
 #include "receiver/sync_objects.h"
 #include "services/protection_tables.h"
@@ -538,6 +539,11 @@ TEST(DabPlusServices, MoreThanTwentyFourUnitsAreRefused) {
     ASSERT_EQ(DeleteServiceRequest(1), 1);
     h.PushSilentFrames(1);
     EXPECT_EQ(workerHandOver.flushRequest, 1);
+    EXPECT_EQ(workerHandOver.flushState, 2);
+    // So does stopping the samples, which drops every service.
+    workerHandOver.flushRequest = 0;
+    workerHandOver.flushState = 3;
+    StopReceiver();
     EXPECT_EQ(workerHandOver.flushState, 2);
 }
 
