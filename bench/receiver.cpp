@@ -79,22 +79,39 @@ std::vector<uint8_t> LoopSignal(int32_t mode, double minSeconds, const std::stri
     return out;
 }
 
+// The thread-less harness tuned to a looped signal, one IqFrame a step.
+struct LoopPlayer {
+    std::vector<uint8_t> signal;
+    size_t steps = 0;
+    size_t next = 0;
+    test::FrameHarness h{1};
+
+    // False, with the benchmark skipped, when the signal or the harness failed.
+    bool Ready(benchmark::State& state) {
+        steps = signal.size() / kIqFrameBytes;
+        if (steps == 0) {
+            state.SkipWithError("signal not generated");
+            return false;
+        }
+        if (!h.ready() || h.Tune(227360) != 1) {
+            state.SkipWithError("harness not ready");
+            return false;
+        }
+        return true;
+    }
+    void Step() {
+        h.PushIqFrame(&signal[next * kIqFrameBytes]);
+        next = (next + 1) % steps;
+    }
+};
+
 void BM_FicOnlyFrameStep(benchmark::State& state) {
     const int32_t mode = static_cast<int32_t>(state.range(0));
-    const std::vector<uint8_t> signal = LoopSignal(mode, 4.0);
-    const size_t steps = signal.size() / kIqFrameBytes;
-    if (steps == 0) {
-        state.SkipWithError("signal not generated");
-        return;
-    }
-    test::FrameHarness h(1);
-    if (!h.ready() || h.Tune(227360) != 1) {
-        state.SkipWithError("harness not ready");
-        return;
-    }
+    LoopPlayer p;
+    p.signal = LoopSignal(mode, 4.0);
+    if (!p.Ready(state)) return;
     // Acquisition and settling outside the timed loop: two passes.
-    size_t next = 0;
-    for (size_t i = 0; i < 2 * steps; ++i, next = (next + 1) % steps) h.PushIqFrame(&signal[next * kIqFrameBytes]);
+    for (size_t i = 0; i < 2 * p.steps; ++i) p.Step();
     if (pipeline.acquisitionState != 3) {
         state.SkipWithError("no lock on the generated signal");
         return;
@@ -103,8 +120,7 @@ void BM_FicOnlyFrameStep(benchmark::State& state) {
     ficFramesSeen = 0;
     bool locked = true;
     for (auto _ : state) {
-        h.PushIqFrame(&signal[next * kIqFrameBytes]);
-        next = (next + 1) % steps;
+        p.Step();
         locked = locked && pipeline.acquisitionState == 3 && receiverStatus.syncState >= 4;
     }
     ficCallback.store(nullptr);
@@ -124,32 +140,22 @@ void BM_DabPlusReceiver(benchmark::State& state) {
     std::ofstream(config) << "ensemble eid=0xE2D0 label=\"MVX BENCH\"\n"
                              "subchannel id=1 start=0 protection=eep-a:3 bitrate=96 payload=dabplus-synth:5\n"
                              "service sid=0xE2D1 label=\"Plus 96\" component=dabplus:1\n";
-    const std::vector<uint8_t> signal = LoopSignal(1, 4.0, config);
+    LoopPlayer p;
+    p.signal = LoopSignal(1, 4.0, config);
     std::remove(config.c_str());
-    const size_t steps = signal.size() / kIqFrameBytes;
-    if (steps == 0) {
-        state.SkipWithError("signal not generated");
-        return;
-    }
-    test::FrameHarness h(1);
-    if (!h.ready() || h.Tune(227360) != 1) {
-        state.SkipWithError("harness not ready");
-        return;
-    }
-    size_t next = 0;
+    if (!p.Ready(state)) return;
     auto step = [&] {
-        h.PushIqFrame(&signal[next * kIqFrameBytes]);
+        p.Step();
         RunWorkerStep();
-        next = (next + 1) % steps;
     };
-    for (size_t i = 0; i < steps; ++i) step();
+    for (size_t i = 0; i < p.steps; ++i) step();
     // 96 kbit/s EEP 3-A: long form, set A, level 3, 72 CU at CU 0.
     if (pipeline.acquisitionState != 3 || MVDAB_AddServiceCom(3, 1, 0, 1, 0, 2, 72, 0, 0) != 1) {
         state.SkipWithError("no lock on the generated signal");
         return;
     }
     mscCallback.store(CountSuperframe);
-    for (size_t i = 0; i < steps; ++i) step();
+    for (size_t i = 0; i < p.steps; ++i) step();
     superframesSeen = 0;
     bool locked = true;
     for (auto _ : state) {
