@@ -34,10 +34,7 @@ void Deliver(uint8_t* superframe, uint8_t flags) {
 }
 
 // A search hit at L(index): the superframe goes out as found.
-int32_t DeliverFound(int32_t index) {
-    Deliver(LogicalFrame(index), sf.subChannelId);
-    return 1;
-}
+void DeliverFound(int32_t index) { Deliver(LogicalFrame(index), sf.subChannelId); }
 
 int32_t SearchModeI(const uint8_t* frame) {
     if (sf.searchFill == 0) {

@@ -58,7 +58,7 @@ void QueueFrameForWorker(ServiceComponent* component) {
     if (wanted.columns == 0) return;
     if (h.flushRequest == 1) {
         h.workerMode = 1;
-        subChannelParameters = wanted;
+        SetSubChannelParameters(component);
     } else if (!SameParameters(wanted, subChannelParameters)) {
         // A service added after another was removed, or a reconfiguration of
         // the sizes: the worker restarts with the new ones. This frame is
