@@ -37,8 +37,13 @@ extern "C" {
  *    384, 96, 128 or 192 bytes for modes I..IV. flags bits 0..2: mode + 1
  *    (1 = mode I); bit 15 down: one bit per FIB in order, 1 = CRC good.
  *  - MSC, plain sub-channel: the decoded bytes of one transmission frame;
- *    flags = sub-channel id. DAB+ sub-channel: the audio part of one corrected
- *    superframe; flags = sub-channel id, bit 7 set as documented there.
+ *    flags = sub-channel id. DAB+ sub-channel: the audio part (110 * s bytes,
+ *    s = bit rate / 8 kbit/s) of one Reed-Solomon corrected superframe, every
+ *    120 ms once the superframe boundary is found; flags = sub-channel id,
+ *    with bit 7 (0x80) set when the superframe's firecode failed after
+ *    correction. Superframes are not delivered while the boundary is being
+ *    searched, nor the fourth of four in a row with fewer than two correctable
+ *    RS columns (the search then starts again).
  * FIC and plain MSC callbacks run on the demodulation thread (58.75 ms of
  * budget per step for everything); DAB+ MSC callbacks on the worker thread.
  */
@@ -103,7 +108,8 @@ MVDAB_API int32_t MVDAB_SetStreamDataCallBack(MVDAB_StreamDataCallBack callback)
  * bits 1..0 = protection level - 1, subChannelSize in capacity units.
  * packetAddress is not used; fecScheme's low 2 bits are stored. */
 
-/* 1 accepted; 5 this sub-channel is already requested; 0 refused. */
+/* 1 accepted; 5 this sub-channel is already requested; 0 refused (also a
+ * DAB+ sub-channel above 192 kbit/s). */
 MVDAB_API int32_t MVDAB_AddServiceCom(int8_t type, int8_t subChannelId, int16_t startAddress,
                                       int8_t longForm, int8_t tableIndex, int8_t optionAndLevel,
                                       int16_t subChannelSize, int16_t packetAddress, int8_t fecScheme);
