@@ -59,7 +59,8 @@ void DeinterleaveRows(const uint8_t* bytes, int32_t rows) {
     }
     // The rows from the word pointer up to the highest one written
     // (pending + 188 of them) go to the start; pending >= -1 here, since
-    // topRow never falls below 187.
+    // topRow never falls below 187. Not one row more: after a full slot
+    // from topRow 204 that row would lie past the buffer's end.
     std::memmove(Row(0), Row(wordRow), size_t(pending + kStreamFirstTopRow + 1) * kStreamBranches);
     st.topRow = pending + kStreamFirstTopRow + 1;
 }
