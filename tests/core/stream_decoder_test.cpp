@@ -17,6 +17,7 @@
 #include "generator/payload_sources.h"
 #include "receiver/callback_slots.h"
 #include "receiver/receiver_state.h"
+#include "services/service_commands.h"
 #include "services/service_component.h"
 
 namespace mvdab {
@@ -226,6 +227,37 @@ TEST_F(StreamWorker, FullRingDropsFramesAndTheWorkerResynchronises) {
         ASSERT_EQ(packets[i].bytes, s.ts[first + i - beforeGap]) << i;
     }
     for (size_t i = 0; i < beforeGap; ++i) ASSERT_EQ(packets[i].bytes, s.ts[i]) << i;
+}
+
+// One worker, two decoders: a frame for the other one restarts the worker,
+// and the frame after its answer starts the other decoder.
+TEST_F(StreamWorker, TheOtherDecoderRestartsTheWorker) {
+    mode.transmissionMode = 0;
+    mode.parameters = kModeTable[0];
+    ServiceComponent dabPlus{};
+    dabPlus.type = kServiceDabPlus;
+    dabPlus.subChannelId = 3;
+    dabPlus.longForm = 1;
+    dabPlus.protectionLevel = 2;
+    dabPlus.subChannelSize = 6 * 4;
+    dabPlus.bitsPerCif = 192 * 4;
+    std::vector<uint8_t> decoded(4 * 24 * 4);
+    dabPlus.decodedBytes = decoded.data();
+    const SentStream s(0, 192, 4);
+    Push(s.Frame(0), s.frameBytes);
+    ASSERT_EQ(workerHandOver.workerActive, 2);
+    for (int round = 0; round < 2; ++round) {
+        QueueFrameForWorker(&dabPlus);
+        EXPECT_EQ(workerHandOver.flushState, 2) << "a DAB+ frame while the stream runs";
+        RunWorkerStep();
+        QueueFrameForWorker(&dabPlus);
+        RunWorkerStep();
+        EXPECT_EQ(workerHandOver.workerActive, 1);
+        Push(s.Frame(1), s.frameBytes);
+        EXPECT_EQ(workerHandOver.workerActive, 0) << "a stream frame while DAB+ runs: the worker answered a flush";
+        Push(s.Frame(2), s.frameBytes);
+        EXPECT_EQ(workerHandOver.workerActive, 2);
+    }
 }
 
 // Random bytes of any length, through the ring and straight into the
