@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "delivery/stream_decoder.h"
 #include "receiver/receiver_state.h"
 #include "receiver/sync_objects.h"
 #include "services/protection_tables.h"
@@ -59,7 +60,7 @@ void QueueFrameForWorker(ServiceComponent* component) {
     if (h.flushRequest == 1) {
         h.workerMode = 1;
         SetSubChannelParameters(component);
-    } else if (!SameParameters(wanted, subChannelParameters)) {
+    } else if (h.workerMode != 1 || !SameParameters(wanted, subChannelParameters)) {
         // A service added after another was removed, or a reconfiguration of
         // the sizes: the worker restarts with the new ones. This frame is
         // dropped; the next one after the worker's answer starts it.
@@ -89,6 +90,7 @@ int32_t RunWorkerStep() {
     WorkerHandOver& h = workerHandOver;
     if (h.flushRequest == 1) {
         if (h.workerActive == 1) ResetSuperframeState();
+        if (h.workerActive == 2) ResetStreamState();
         h.workerActive = 0;
         h.flushState = 3;
         return 1;
@@ -97,7 +99,12 @@ int32_t RunWorkerStep() {
         h.workerActive = 1;
         LoadSuperframeParameters();
     }
+    if (h.workerActive == 0 && h.workerMode == 2) {
+        h.workerActive = 2;
+        LoadStreamParameters();
+    }
     if (h.workerActive == 1) DrainSuperframeRing();
+    if (h.workerActive == 2) DrainStreamRing();
     return 1;
 }
 

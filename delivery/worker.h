@@ -22,8 +22,8 @@ struct ServiceComponent;
 struct WorkerHandOver {
     std::atomic<uint8_t> flushRequest;  // 1: the worker is to drop its state; the next delivery restarts it
     std::atomic<uint8_t> flushState;    // 2 a flush is pending; 3 answered, deliveries may go on
-    std::atomic<int32_t> workerMode;    // what the next start runs: 1 superframes
-    std::atomic<uint8_t> workerActive;  // what the worker runs now: 0 nothing, 1 superframes
+    std::atomic<int32_t> workerMode;    // what the next start runs: 1 superframes, 2 T-DMB stream
+    std::atomic<uint8_t> workerActive;  // what the worker runs now: 0 nothing, 1 superframes, 2 stream
 };
 extern WorkerHandOver workerHandOver;
 

@@ -48,9 +48,18 @@ extern "C" {
  * budget per step for everything); DAB+ MSC callbacks on the worker thread.
  */
 typedef void (*MVDAB_DataCallBack)(uint8_t* bytes, int32_t length, int32_t flags);
-/* Packet callback: (packet with header and CRC, its size, address, sub-channel id). */
+/* Packet callback: (packet with header and CRC, its size, address, sub-channel id).
+ * One packet of a wanted address per call, 24, 48, 72 or 96 bytes, valid for
+ * the call only; after a damaged packet the bytes up to the next good one may
+ * come as one piece under that packet's address, CRC not passing.
+ * Stream data callback: (bytes, length, flags), one 188-byte MPEG-2 transport
+ * packet of a T-DMB stream per call, corrected by RS(204,188), in the order
+ * sent; flags = sub-channel id, with bit 7 (0x80) set when the word could not
+ * be corrected (the packet is then as received). Runs on the worker thread;
+ * `bytes` is valid for the call only.
+ * MVDAB_AddServiceCom does not accept packet-mode (type 1) or T-DMB (type 2)
+ * sub-channels in this version, so neither callback is called yet. */
 typedef void (*MVDAB_PacketCallBack)(uint8_t* packet, int32_t size, int32_t address, int32_t subChannelId);
-/* Stream data callback: installed and kept, never called by this version. */
 typedef void (*MVDAB_StreamDataCallBack)(uint8_t* bytes, int32_t length, int32_t flags);
 
 /* ---- Device control ---------------------------------------------------- */
