@@ -230,8 +230,9 @@ int ReceiveService(const HostOptions& options, const ServiceChoice& choice, ficp
     const ServiceCounts& c = output.counts();
     const double selected = Seconds(Clock::now() - start);
     std::fprintf(stderr, "%s\n", ServiceStatusLine(selected, choice.kind, c, mscQueue.counts().dropped).c_str());
-    if (files.wav != nullptr) std::fprintf(stderr, "dabhost: WAV %s: %s\n", options.wavPath.c_str(),
-                                           wav.figures().Text().c_str());
+    if (files.wav != nullptr)
+        std::fprintf(stderr, "dabhost: WAV %s: %s\n", options.wavPath.c_str(),
+                     wav.figures().frames > 0 ? wav.figures().Text().c_str() : "no audio decoded");
     if (follower.changesPassed() > 0)
         std::fprintf(stderr, "dabhost: %d reconfiguration%s followed\n", follower.changesPassed(),
                      follower.changesPassed() == 1 ? "" : "s");
