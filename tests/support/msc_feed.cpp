@@ -5,7 +5,6 @@
 
 #include "generator/frame_transmitter.h"
 #include "generator/multiplex.h"
-#include "generator/protection_profiles.h"
 #include "mvxdab.h"
 #include "receiver/callback_slots.h"
 #include "receiver/receiver_state.h"
@@ -27,34 +26,6 @@ void RecordMsc(uint8_t* bytes, int32_t length, int32_t flags) {
 }
 
 }  // namespace
-
-bool DescribeSubChannel(const gen::EnsembleDescription& d, int32_t id, bool afterChange, SubChannelParameters* out) {
-    for (const gen::SubChannelDesc& s : d.subChannels) {
-        if (s.id != id) continue;
-        gen::Protection p = s.protection;
-        int32_t start = s.startCu;
-        if (afterChange && d.reconfiguration.cifCount >= 0 && d.reconfiguration.subChannel == id) {
-            if (d.reconfiguration.changeProtection) p = d.reconfiguration.protection;
-            if (d.reconfiguration.newStartCu >= 0) start = d.reconfiguration.newStartCu;
-        }
-        gen::SubChannelProfile profile;
-        std::string error;
-        if (!gen::MakeProfile(p, s.bitrateKbps, &profile, &error)) return false;
-        out->startAddress = int16_t(start);
-        out->size = int16_t(profile.sizeCu);
-        if (p.kind == gen::ProtectionKind::kUep) {
-            out->longForm = 0;
-            out->tableIndex = int8_t(profile.uepIndex);
-            out->optionAndLevel = 0;
-        } else {
-            out->longForm = 1;
-            out->tableIndex = 0;
-            out->optionAndLevel = int8_t((p.kind == gen::ProtectionKind::kEepB ? 4 : 0) | (p.level - 1));
-        }
-        return true;
-    }
-    return false;
-}
 
 MscFeed::MscFeed(gen::EnsembleDescription description, const gen::ChannelParams& channel) {
     for (gen::SubChannelDesc& s : description.subChannels) {

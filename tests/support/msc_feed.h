@@ -19,6 +19,7 @@
 #include "generator/channel_model.h"
 #include "generator/ensemble_description.h"
 #include "tests/support/frame_harness.h"
+#include "tests/support/generated_subchannels.h"
 
 namespace gen {
 class FrameTransmitter;
@@ -78,17 +79,5 @@ private:
     std::unique_ptr<gen::ChannelModel> channel_;
     double seconds_ = 0.0;
 };
-
-// The parameters of sub-channel `id` as FIG 0/1 would carry them; false if
-// the description has no such sub-channel. With `afterChange`, those of the
-// description's reconfiguration.
-struct SubChannelParameters {
-    int16_t startAddress;
-    int8_t longForm;
-    int8_t tableIndex;
-    int8_t optionAndLevel;
-    int16_t size;
-};
-bool DescribeSubChannel(const gen::EnsembleDescription& d, int32_t id, bool afterChange, SubChannelParameters* out);
 
 }  // namespace mvdab::test
