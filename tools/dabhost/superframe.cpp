@@ -56,6 +56,23 @@ void PutAudioSpecificConfig(const AudioParameters& a, BitWriter& w) {
     w.Put(1, 1);
 }
 
+// The same configuration in the hierarchical form that LATM readers parse
+// without looking for sync extensions: the SBR (or PS) object type first
+// with the core rate and the output rate, then AAC LC with its
+// GASpecificConfig.
+void PutLatmAudioSpecificConfig(const AudioParameters& a, BitWriter& w) {
+    if (!a.sbr) {
+        PutAudioSpecificConfig(a, w);
+        return;
+    }
+    w.Put(a.ps ? 29 : 5, 5);                 // audioObjectType: PS or SBR
+    w.Put(uint32_t(FrequencyIndex(a.CoreRateHz())), 4);
+    w.Put(uint32_t(CoreChannels(a)), 4);
+    w.Put(uint32_t(FrequencyIndex(a.OutputRateHz())), 4);
+    w.Put(2, 5);                             // the core: AAC LC
+    w.Put(0b100, 3);                         // 960-sample frames
+}
+
 }  // namespace
 
 int AudioParameters::AuCount() const {
@@ -136,7 +153,7 @@ bool AppendLoasFrame(const AudioParameters& audio, const uint8_t* payload, int p
     w.Put(0, 6);        // numSubFrames - 1
     w.Put(0, 4);        // numProgram - 1
     w.Put(0, 3);        // numLayer - 1
-    PutAudioSpecificConfig(audio, w);
+    PutLatmAudioSpecificConfig(audio, w);
     w.Put(0, 3);        // frameLengthType 0: payload lengths given per frame
     w.Put(0xFF, 8);     // latmBufferFullness: not given
     w.Put(0, 1);        // otherDataPresent

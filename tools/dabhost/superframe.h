@@ -66,7 +66,10 @@ std::vector<uint8_t> DecoderConfig(const AudioParameters& audio);
 
 // One AU as a LOAS/LATM frame (AudioSyncStream with the stream's
 // configuration in every frame): carries the 960-sample framing, SBR and PS,
-// so that a player decodes it as sent. False, with nothing appended, for a
+// so that a player decodes it as sent. The configuration inside is the
+// hierarchical form (SBR or PS object type first): LATM readers of
+// audioMuxVersion 0 do not look for the sync extensions of the explicit
+// form above and would misread everything after the core's 16 bits. False, with nothing appended, for a
 // payload too long for the frame's 13-bit length.
 bool AppendLoasFrame(const AudioParameters& audio, const uint8_t* payload, int payloadBytes,
                      std::vector<uint8_t>* out);

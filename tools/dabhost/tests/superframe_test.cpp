@@ -130,9 +130,15 @@ TEST(Superframe, FramingsCarryTheirLengths) {
     ASSERT_TRUE(dabplus::AppendLoasFrame(a, payload.data(), int(payload.size()), &loas));
     EXPECT_EQ(loas[0], 0x56);
     EXPECT_EQ(((loas[1] & 0x1F) << 8 | loas[2]) + 3, int(loas.size()));
-    // Stream configuration (5 bytes of bits), then the length 255 + 45 and the
-    // payload, byte-aligned after 2 + 1 + 6 + 4 + 3 + 37 + 3 + 8 + 2 = 66 bits.
-    EXPECT_EQ(loas.size(), 3 + (66 + 16 + 8 * 300 + 7) / 8u);
+    // The stream configuration with the 25-bit hierarchical SBR
+    // configuration (SBR object type, core rate index 6, 2 channels, output
+    // rate index 3, AAC LC, 960-sample frames), then the length as 255 + 45
+    // and the payload: 1 + 1 + 1 + 6 + 4 + 3 + 25 + 3 + 8 + 1 + 1 = 54 bits.
+    EXPECT_EQ(loas.size(), 3 + (54 + 16 + 8 * 300 + 7) / 8u);
+    // Bits 16..40 of the element hold the configuration: 00101 0110 0010 0011 00010 100.
+    uint64_t bits = 0;
+    for (int i = 3; i < 9; ++i) bits = (bits << 8) | loas[size_t(i)];
+    EXPECT_EQ((bits >> (48 - 16 - 25)) & 0x1FFFFFF, 0b0010101100010001100010100u);
     EXPECT_FALSE(dabplus::AppendLoasFrame(a, payload.data(), 9000, &loas));
     EXPECT_FALSE(dabplus::AppendAdtsFrame(a, payload.data(), 8190, &adts));
 }
