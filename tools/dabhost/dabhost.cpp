@@ -200,7 +200,7 @@ int ReceiveService(const HostOptions& options, const ServiceChoice& choice, ficp
     };
     while (!interrupted && !output.counts().writeFailed) {
         const double elapsed = Seconds(Clock::now() - start);
-        if (elapsed >= duration) break;
+        if (elapsed >= duration || (options.frames != 0 && output.counts().deliveries >= options.frames)) break;
         ficQueue.Drain(parser);
         ReconfigurationFollower::Change change;
         if (follower.Due(parser.ensemble(), &change)) {

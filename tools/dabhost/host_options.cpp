@@ -53,7 +53,8 @@ bool ParseFrequencyList(const char* text, std::vector<int32_t>* out) {
 
 const char* HostUsage() {
     return "usage: dabhost [-f kHz|block] [-t s] [-d s] [--json] [-q]\n"
-           "       dabhost [-f kHz|block] --service LABEL|SID [--wav FILE|-] [--record FILE] [-d s]\n"
+           "       dabhost [-f kHz|block] --service LABEL|SID [--wav FILE|-] [--record FILE]\n"
+           "               [-d s] [--frames N]\n"
            "       dabhost --scan [--freqs a,b,c] [-t s] [--json] [-q]\n"
            "  -f, --frequency F   frequency in kHz or block name (default 227360, block 12C)\n"
            "  -t, --timeout s     longest wait for the ensemble (default 20; scan: 8 per frequency)\n"
@@ -62,6 +63,8 @@ const char* HostUsage() {
            "      --service S     receive the service with label or id S (hex, e.g. 0xE202)\n"
            "      --wav FILE      decoded audio (MP2 or DAB+) as 16-bit WAV; - for stdout,\n"
            "                      e.g. dabhost --service \"MVX Classic\" --wav - | aplay\n"
+           "      --frames N      with --service: stop after N deliveries (frames, DAB+:\n"
+           "                      superframes), or at -d, whichever comes first\n"
            "      --record FILE   the sub-channel as received: MP2 stream, raw data bytes,\n"
            "                      or DAB+ access units as LOAS (ADTS if FILE ends in .aac); - stdout\n"
            "  -s, --settle s      how long a complete ensemble must stay unchanged (default 1)\n"
@@ -106,6 +109,12 @@ bool ParseHostOptions(int argc, char** argv, HostOptions* o, std::string* error)
         } else if (is("-d", "--duration")) {
             if (!seconds(&o->durationSeconds, 0.0, 1.0e7)) return fail();
             o->durationGiven = true;
+        } else if (is(nullptr, "--frames")) {
+            double v = 0.0;
+            if (!hasValue || !ParseNumber(argv[i + 1], &v) || v < 1.0 || v > 1.0e12 || v != double(uint64_t(v)))
+                return fail();
+            o->frames = uint64_t(v);
+            ++i;
         } else if (is(nullptr, "--service") || is(nullptr, "--wav") || is(nullptr, "--record")) {
             if (!hasValue || argv[i + 1][0] == '\0') return fail();
             std::string& target = a[2] == 's' ? o->service : a[2] == 'w' ? o->wavPath : o->recordPath;
@@ -131,8 +140,8 @@ bool ParseHostOptions(int argc, char** argv, HostOptions* o, std::string* error)
             return false;
         }
     }
-    if (o->service.empty() && (!o->wavPath.empty() || !o->recordPath.empty())) {
-        *error = "--wav and --record need --service";
+    if (o->service.empty() && (!o->wavPath.empty() || !o->recordPath.empty() || o->frames != 0)) {
+        *error = "--wav, --record and --frames need --service";
         return false;
     }
     if (o->scan && !o->service.empty()) {

@@ -20,6 +20,7 @@ struct HostOptions {
     std::string wavPath;             // decoded audio as WAV; "-" standard output; empty: none
     std::string recordPath;          // the sub-channel as received (DAB+: LOAS, or ADTS for *.aac); empty: none
     bool durationGiven = false;      // -d was given; a service is received until interrupted otherwise
+    uint64_t frames = 0;             // with --service: stop after this many deliveries (0: no limit)
     bool help = false;
 };
 
