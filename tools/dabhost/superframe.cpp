@@ -1,5 +1,7 @@
 #include "superframe.h"
 
+#include "tools/ficparse/fic_parser.h"
+
 namespace dabplus {
 
 namespace {
@@ -88,14 +90,7 @@ int AudioParameters::HeaderBytes() const {
 
 int AudioParameters::CoreRateHz() const { return OutputRateHz() / (sbr ? 2 : 1); }
 
-uint16_t AuCrc(const uint8_t* bytes, int length) {
-    uint16_t reg = 0xFFFF;
-    for (int i = 0; i < length; ++i) {
-        reg ^= uint16_t(bytes[i] << 8);
-        for (int bit = 0; bit < 8; ++bit) reg = uint16_t((reg & 0x8000) ? (reg << 1) ^ 0x1021 : reg << 1);
-    }
-    return uint16_t(~reg);
-}
+uint16_t AuCrc(const uint8_t* bytes, int length) { return ficparse::FibCrc(bytes, length); }
 
 bool ParseSuperframe(const uint8_t* bytes, int length, Superframe* out) {
     *out = Superframe{};

@@ -108,7 +108,12 @@ TEST_P(DabPlusOutput, PcmEqualsLibfaad2OfTheSentSuperframes) {
 INSTANTIATE_TEST_SUITE_P(Samples, DabPlusOutput,
                          testing::Values(DabPlusSample{"speech-heaac-48k.dabp", 6, 48000},
                                          DabPlusSample{"speech-heaacv2-32k.dabp", 4, 48000},
-                                         DabPlusSample{"tones-aaclc-96k.dabp", 12, 48000}));
+                                         DabPlusSample{"tones-aaclc-96k.dabp", 12, 48000}),
+                         [](const testing::TestParamInfo<DabPlusSample>& info) {
+                             std::string name = "s";
+                             name += std::to_string(info.param.s);
+                             return name;
+                         });
 
 TEST(ServiceOutput, DabPlusFaultsAreCountedAndOnlyTheBadAuIsLost) {
     const std::vector<uint8_t> file = reference::ReadFile(reference::SamplePath("speech-heaac-48k.dabp"));
