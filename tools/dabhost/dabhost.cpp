@@ -167,6 +167,26 @@ bool EndsWith(const std::string& text, const char* tail) {
     return text.size() >= t.size() && text.compare(text.size() - t.size(), t.size(), t) == 0;
 }
 
+// Passes an announced change of the selected sub-channel on to the receiver.
+// A refusal (the receiver was busy with a retune, say) is tried again at the
+// next poll and shown once.
+void PassOnChange(const ficparse::Ensemble& ensemble, ServiceKind kind, bool quiet,
+                  ReconfigurationFollower& follower, bool* refusalShown) {
+    ReconfigurationFollower::Change change;
+    if (!follower.Due(ensemble, &change)) return;
+    const ServiceRequest n = RequestFor(kind, change.next);
+    const int32_t changed = MVDAB_ChangeSCOrg(n.type, n.subChannelId, n.startAddress, n.longForm, n.tableIndex,
+                                              n.optionAndLevel, n.size, 0, 0, int8_t(change.cifCountHigh),
+                                              int8_t(change.cifCountLow));
+    if (changed == 1) follower.Passed(change);
+    if ((changed == 1 && !quiet) || (changed != 1 && !*refusalShown))
+        std::fprintf(stderr, "dabhost: sub-channel %d changes to %s, CU %d+%d at CIF count %d: %s\n", change.next.id,
+                     change.next.ProtectionText().c_str(), change.next.startAddress, change.next.size,
+                     change.cifCountHigh * 250 + change.cifCountLow,
+                     changed == 1 ? "passed on" : "refused, trying again");
+    *refusalShown = changed != 1;
+}
+
 // Requests the chosen service and receives it for the requested time: the
 // FIC stays parsed so that an announced reconfiguration is passed on.
 int ReceiveService(const HostOptions& options, const ServiceChoice& choice, ficparse::FicParser& parser,
@@ -191,6 +211,7 @@ int ReceiveService(const HostOptions& options, const ServiceChoice& choice, ficp
 
     ReconfigurationFollower follower;
     follower.Select(choice.subChannel);
+    bool refusalShown = false;
     const double duration = options.durationGiven ? options.durationSeconds : std::numeric_limits<double>::infinity();
     const Clock::time_point start = Clock::now();
     double lastShown = 0.0;
@@ -202,19 +223,7 @@ int ReceiveService(const HostOptions& options, const ServiceChoice& choice, ficp
         const double elapsed = Seconds(Clock::now() - start);
         if (elapsed >= duration || (options.frames != 0 && output.counts().deliveries >= options.frames)) break;
         ficQueue.Drain(parser);
-        ReconfigurationFollower::Change change;
-        if (follower.Due(parser.ensemble(), &change)) {
-            const ServiceRequest n = RequestFor(choice.kind, change.next);
-            const int32_t changed =
-                MVDAB_ChangeSCOrg(r.type, n.subChannelId, n.startAddress, n.longForm, n.tableIndex, n.optionAndLevel,
-                                  n.size, 0, 0, int8_t(change.cifCountHigh), int8_t(change.cifCountLow));
-            if (changed == 1) follower.Passed(change);
-            if (!options.quiet || changed != 1)
-                std::fprintf(stderr, "dabhost: sub-channel %d changes to %s, CU %d+%d at CIF count %d: %s\n",
-                             change.next.id, change.next.ProtectionText().c_str(), change.next.startAddress,
-                             change.next.size, change.cifCountHigh * 250 + change.cifCountLow,
-                             changed == 1 ? "passed on" : "refused, tried again");
-        }
+        PassOnChange(parser.ensemble(), choice.kind, options.quiet, follower, &refusalShown);
         drain();
         if (!options.quiet && elapsed - lastShown >= 1.0) {
             std::string line = ServiceStatusLine(elapsed, choice.kind, output.counts(), mscQueue.counts().dropped);
