@@ -34,7 +34,6 @@ struct AudioParameters {
     int HeaderBytes() const;         // where AU 0 starts: 5, 6, 8 or 11
     int CoreRateHz() const;          // 16000, 24000, 32000 or 48000
     int OutputRateHz() const { return dac48k ? 48000 : 32000; }
-    int OutputChannels() const { return stereo || ps ? 2 : 1; }
     bool operator==(const AudioParameters&) const = default;
 };
 
