@@ -1,0 +1,116 @@
+// The receiver on the SoapySDR device library and the test module, through
+// the public interface: it locks on the generated ensemble, its sample-clock
+// correction reaches the module's frequency correction and cancels the
+// module's clock error, and after the device is unplugged tuning fails, a
+// close completes and a new open brings reception back.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <cstdlib>
+#include <thread>
+
+#include "mvxdab.h"
+#include "tests/soapy/soapy_test_support.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
+
+std::atomic<int32_t> fibs{0};
+std::atomic<int32_t> goodFibs{0};
+
+void OnFic(uint8_t*, int32_t length, int32_t flags) {
+    for (int32_t i = 0; i < length / 32; ++i) {
+        ++fibs;
+        if ((flags >> (15 - i)) & 1) ++goodFibs;
+    }
+}
+
+// Waits until the receiver reports lock; false after `seconds` of signal
+// played at `speed` times real time.
+bool LocksWithin(double seconds, double speed) {
+    const auto end = Clock::now() + std::chrono::duration<double>(seconds / speed);
+    while (Clock::now() < end) {
+        int32_t locked = 0;
+        if (MVDAB_GetSignalLock(&locked) == 1 && locked == 1) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    return false;
+}
+
+class SoapyReceiverTest : public testing::Test {
+protected:
+    void SetUp() override {
+        ClearTestEnvironment();
+        setenv("MVDAB_DEVICE_LIBRARY", "libMVC900ACCESS_soapy.so", 1);
+        setenv("MVSOAPY_DEVICE", "driver=mvxtest", 1);
+        setenv("MVXTEST_SOURCE", "generated:preset=default,snr=25", 1);
+        ASSERT_EQ(MVDAB_SetFICCallBack(OnFic), 1);
+        // Faster than real time, but paced, so that the receiver keeps up;
+        // sanitized builds play the signal slowed down.
+        setenv("MVXTEST_SPEED", kSanitized ? "0.3" : "3", 1);
+        speed_ = kSanitized ? 0.3 : 3.0;
+    }
+    void TearDown() override {
+        MVDAB_CloseDevice();
+        ClearTestEnvironment();
+        unsetenv("MVDAB_DEVICE_LIBRARY");
+    }
+    double speed_ = 1.0;  // pace of the module, multiple of real time
+};
+
+TEST_F(SoapyReceiverTest, LocksAndItsClockCorrectionReachesTheDevice) {
+    // The module's converter runs 40 ppm fast; the receiver measures that and
+    // writes -40 ppm into the sample-rate register, which the device library
+    // hands to the module as a reference error of +40 ppm.
+    setenv("MVXTEST_CLOCK_PPM", "40", 1);
+    ASSERT_EQ(MVDAB_OpenDevice(), 1);
+    ASSERT_EQ(MVDAB_SetFreqAndBW(227360), 1);
+    ASSERT_TRUE(LocksWithin(15.0, speed_));
+    double correction = 0.0;
+    const auto end = Clock::now() + std::chrono::duration<double>(30.0 / speed_);
+    while (Clock::now() < end && std::fabs((correction = ReadModuleState().correctionPpm) - 40.0) > 2.0)
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    std::printf("    module's frequency correction %+.2f ppm for a clock error of +40 ppm\n", correction);
+    EXPECT_NEAR(correction, 40.0, 2.0);
+    EXPECT_EQ(ReadModuleState().frequencyHz, 227360000.0);
+    fibs = goodFibs = 0;
+    std::this_thread::sleep_for(std::chrono::duration<double>(1.0 / speed_));
+    EXPECT_GT(fibs.load(), 30);
+    EXPECT_EQ(goodFibs.load(), fibs.load());
+}
+
+TEST_F(SoapyReceiverTest, UnpluggedDeviceFailsTuningAndANewOpenRecovers) {
+    setenv("MVXTEST_UNPLUG_MS", "3000", 1);
+    ASSERT_EQ(MVDAB_OpenDevice(), 1);
+    ASSERT_EQ(MVDAB_SetFreqAndBW(227360), 1);
+    ASSERT_TRUE(LocksWithin(2.5, speed_));
+    // Until the module has played its 3 s and failed.
+    const auto end = Clock::now() + std::chrono::duration<double>(5.0 / speed_);
+    while (Clock::now() < end && ReadModuleState().samples < 3 * 2048000)
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    // The device is gone: a new tuning fails, and so does a start after a stop.
+    EXPECT_EQ(MVDAB_SetFreqAndBW(222064), 0);
+    EXPECT_EQ(MVDAB_Stop(), 1);
+    EXPECT_EQ(MVDAB_Start(), 0);
+    const auto closing = Clock::now();
+    EXPECT_EQ(MVDAB_CloseDevice(), 1);
+    EXPECT_LT(Clock::now() - closing, std::chrono::seconds(3));
+
+    // Plugged in again.
+    unsetenv("MVXTEST_UNPLUG_MS");
+    ASSERT_EQ(MVDAB_OpenDevice(), 1);
+    ASSERT_EQ(MVDAB_SetFreqAndBW(227360), 1);
+    EXPECT_TRUE(LocksWithin(15.0, speed_));
+}
+
+}  // namespace
