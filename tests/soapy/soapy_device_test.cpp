@@ -62,14 +62,15 @@ protected:
         ClearTestEnvironment();
     }
 
-    // Reads from the stream until `bytes` are together or `limit` passes,
-    // as the receiver's capture thread does: wait for the event, then one read.
+    // Reads from the stream until `bytes` are together, a read fails or
+    // `limit` passes, as the receiver's capture thread does: wait for the
+    // event, then one read.
     std::vector<uint8_t> Read(size_t bytes, std::chrono::milliseconds limit = std::chrono::milliseconds(5000)) {
         lastGetData_ = 1;
         std::vector<uint8_t> out;
         std::vector<uint8_t> buffer(MVA_READ_CAPACITY);
         const auto end = Clock::now() + limit;
-        while (out.size() < bytes && Clock::now() < end) {
+        while (out.size() < bytes && lastGetData_ == 1 && Clock::now() < end) {
             pollfd p{event_, POLLIN, 0};
             if (poll(&p, 1, 50) <= 0) continue;
             uint64_t count = 0;
@@ -188,6 +189,8 @@ TEST_F(SoapyDeviceTest, UnpluggedOrStalledStreamLosesTheDeviceUntilItIsOpenedAga
         const char* variable;
         const char* reason;
     } cases[] = {{"MVXTEST_UNPLUG_MS", "reading the stream failed"}, {"MVXTEST_STALL_MS", "no samples for"}};
+    RandomFile file(100000);
+    setenv("MVXTEST_SOURCE", ("file:" + file.path()).c_str(), 1);
     setenv("MVSOAPY_STALL_MS", "300", 1);
     for (const auto& c : cases) {
         SCOPED_TRACE(c.variable);
@@ -196,7 +199,7 @@ TEST_F(SoapyDeviceTest, UnpluggedOrStalledStreamLosesTheDeviceUntilItIsOpenedAga
         ASSERT_EQ(entries_.setEventHandle(&handle_), 1);
         testing::internal::CaptureStderr();
         // The bytes before the failure arrive; then reads fail and the event stays quiet.
-        const std::vector<uint8_t> before = Read(size_t(1) << 30, std::chrono::milliseconds(1500));
+        const std::vector<uint8_t> before = Read(size_t(1) << 30, std::chrono::milliseconds(10000));
         const std::string said = testing::internal::GetCapturedStderr();
         EXPECT_GE(before.size(), size_t(200 * 2048 * 2));
         int32_t count = -1;
