@@ -98,7 +98,7 @@ int32_t CheckFibCrc(const uint8_t* bytes, uint32_t* goodMask) {
     return failed;
 }
 
-int32_t FindEnsembleInfo(const uint8_t* fibs, uint16_t flags, uint8_t* cifCountLow) {
+int32_t FindEnsembleInfo(const uint8_t* fibs, uint16_t flags, uint8_t* cifCountLow, int32_t* fibIndex) {
     const int32_t fibCount = FibsForFlags(flags);
     for (int32_t i = 0; i < fibCount; ++i) {
         if ((flags & (0x8000 >> i)) == 0) continue;
@@ -111,6 +111,7 @@ int32_t FindEnsembleInfo(const uint8_t* fibs, uint16_t flags, uint8_t* cifCountL
             if ((fib[p] & 0xE0) == 0 && (fib[p + 1] & 0x1F) == 0) {
                 if (p + 5 >= kFibDataBytes) break;
                 *cifCountLow = fib[p + 5];
+                if (fibIndex != nullptr) *fibIndex = i;
                 return 1;
             }
             p += 1 + (fib[p] & 0x1F);
@@ -165,8 +166,15 @@ int32_t DecodeFic() {
 
     if (cifCountWanted.load() == 1) {
         uint8_t low = 0;
-        if (FindEnsembleInfo(modeBuffers.ficBytes, flags, &low)) {
-            ficDecoder.latestCifCountLow = low;
+        int32_t fib = 0;
+        if (FindEnsembleInfo(modeBuffers.ficBytes, flags, &low, &fib)) {
+            // The count is that of the CIF whose FIB carried it; the
+            // sub-channel decoder counts from the frame's first CIF, so a
+            // count found in a later CIF (the first CIF's FIBs failed) is
+            // taken back to it. Without this a change would fall due one CIF
+            // late for each CIF skipped.
+            const int32_t cif = p.fibsPerCif != 0 ? fib / p.fibsPerCif : 0;
+            ficDecoder.latestCifCountLow = uint8_t((low + 250 - cif % 250) % 250);
             ficDecoder.cifCountValid = 1;
         } else {
             ficDecoder.cifCountValid = 0;

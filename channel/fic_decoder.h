@@ -53,8 +53,9 @@ int32_t CheckFibCrc(const uint8_t* bytes, uint32_t* goodMask);
 // Looks for FIG 0/0 in the good FIBs of a frame. `flags` as handed to the
 // callbacks: its low 3 bits give the mode and so the number of FIBs, bit
 // 15 - i says whether FIB i is good. Returns 1 and the CIF count low part in
-// *cifCountLow for the first FIG 0/0 found, else 0.
-int32_t FindEnsembleInfo(const uint8_t* fibs, uint16_t flags, uint8_t* cifCountLow);
+// *cifCountLow for the first FIG 0/0 found, and the index of its FIB in
+// *fibIndex if that is not null; else 0.
+int32_t FindEnsembleInfo(const uint8_t* fibs, uint16_t flags, uint8_t* cifCountLow, int32_t* fibIndex = nullptr);
 
 // Builds the trellis words of one CIF of the FIC from its coded soft nibbles,
 // undoing the FIC's puncturing: 32 words per puncturing block, then 6 tail

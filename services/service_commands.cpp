@@ -36,6 +36,20 @@ void FillRecord(ServiceComponent* record, const ServiceRequest& q, int8_t type) 
     }
 }
 
+// Whether the host's parameters describe a sub-channel the receiver can
+// decode: id 0..63, a table index 0..63 or a long-form option and level of
+// three bits and a size of at least one step of its set, and a place inside
+// the CIF. The low-bit masking of the record is kept for what passes.
+bool RequestUsable(const ServiceRequest& q) {
+    if (q.subChannelId < 0 || q.subChannelId > 63 || q.startAddress < 0) return false;
+    if (q.longForm == 0 ? (q.tableIndex < 0 || q.tableIndex > 63)
+                        : (q.optionAndLevel < 0 || q.optionAndLevel > 7 || q.subChannelSize <= 0))
+        return false;
+    ServiceComponent probe{};
+    FillRecord(&probe, q, q.type);
+    return DeriveSubChannel(&probe) == 1;
+}
+
 bool TuningPending() {
     return receiverStatus.serviceResetRequest != 0 || receiverStatus.retuneRequest != 0;
 }
@@ -70,6 +84,8 @@ void CountDeletion(const ServiceComponent* record) {
 }  // namespace
 
 int32_t AddServiceRequest(const ServiceRequest& q) {
+    // Bad parameters are refused before anything is looked at or changed.
+    if (!RequestUsable(q)) return kServiceRefused;
     if (TakeRequestMailbox() != 1) return kServiceRefused;
     ReceiverStatus& s = receiverStatus;
     int32_t result = kServiceRefused;
@@ -128,6 +144,7 @@ int32_t DeleteServiceRequest(int8_t subChannelId) {
 }
 
 int32_t ChangeServiceOrganisation(const ServiceRequest& q, uint8_t changeCif) {
+    if (!RequestUsable(q)) return kServiceRefused;
     if (TakeRequestMailbox() != 1) return kServiceRefused;
     ReceiverStatus& s = receiverStatus;
     int32_t result = kServiceRefused;
@@ -142,7 +159,9 @@ int32_t ChangeServiceOrganisation(const ServiceRequest& q, uint8_t changeCif) {
             change->state = 1;
             change->replacement = replacement;
             FillRecord(replacement, q, record->type);
-            record->reconfiguration = change;
+            // The demodulation thread reads the pointer without the lock:
+            // published complete, once.
+            __atomic_store_n(&record->reconfiguration, change, __ATOMIC_RELEASE);
             cifCountWanted = 1;
             result = kServiceAccepted;
         } else {

@@ -3,6 +3,8 @@
 #include <cstdlib>
 
 #include "acquisition/mode_buffers.h"
+#include "channel/subchannel_decoder.h"
+#include "channel/viterbi_decoder.h"
 #include "receiver/receiver_state.h"
 #include "services/protection_tables.h"
 #include "services/service_component.h"
@@ -140,46 +142,55 @@ int32_t ApplyServiceRequests() {
     return ok;
 }
 
+int32_t DeriveSubChannel(ServiceComponent* record) {
+    if (record == nullptr) return 0;
+    if (record->longForm == 0) {
+        const SubChannelRow& row = kSubChannelTable[record->tableIndex & 0x3F];
+        record->subChannelSize = row.size;
+        record->bitsPerCif = uint16_t(24 * row.bitRate);
+    } else {
+        const int32_t level = record->protectionLevel & 3;
+        if (record->option == 0) {
+            const int32_t n = record->subChannelSize / kEepDivisorsA[level];
+            record->bitsPerCif = uint16_t(192 * n);
+            switch (level) {
+                case 1:
+                    record->eepRuns[0] = n > 1 ? 2 * n - 3 : 5;
+                    record->eepRuns[1] = n > 1 ? 4 * n + 3 : 1;
+                    break;
+                case 3:
+                    record->eepRuns[0] = 4 * n - 3;
+                    record->eepRuns[1] = 2 * n + 3;
+                    break;
+                default:  // level indices 0 and 2
+                    record->eepRuns[0] = 6 * n - 3;
+                    record->eepRuns[1] = 3;
+                    break;
+            }
+        } else {
+            const int32_t n = record->subChannelSize / kEepDivisorsB[level];
+            record->bitsPerCif = uint16_t(768 * n);
+            record->eepRuns[0] = 24 * n - 3;
+            record->eepRuns[1] = 3;
+        }
+    }
+    // Refused: a sub-channel that carries no bits (a long-form size below
+    // its set's divisor, whose runs would not fit softWords), one outside the
+    // CIF, which has no place in FrameCarriers or DeinterleaveStore, and one
+    // whose coded bits would overrun its capacity units or the Viterbi block.
+    if (record->startAddress < 0 || record->subChannelSize <= 0 || record->bitsPerCif == 0 ||
+        record->startAddress + record->subChannelSize > kCapacityUnitsPerCif ||
+        record->bitsPerCif + kViterbiTailSteps > kViterbiMaxSteps ||
+        SubChannelCodedBits(*record) > 64 * record->subChannelSize)
+        return 0;
+    return 1;
+}
+
 int32_t SetUpSubChannel(ServiceComponent* record, int32_t derive, int32_t map) {
     if (record == nullptr) return 0;
     const ModeParameters& m = mode.parameters;
     if (derive) {
-        if (record->longForm == 0) {
-            const SubChannelRow& row = kSubChannelTable[record->tableIndex & 0x3F];
-            record->subChannelSize = row.size;
-            record->bitsPerCif = uint16_t(24 * row.bitRate);
-        } else {
-            const int32_t level = record->protectionLevel & 3;
-            if (record->option == 0) {
-                const int32_t n = record->subChannelSize / kEepDivisorsA[level];
-                record->bitsPerCif = uint16_t(192 * n);
-                switch (level) {
-                    case 1:
-                        record->eepRuns[0] = n > 1 ? 2 * n - 3 : 5;
-                        record->eepRuns[1] = n > 1 ? 4 * n + 3 : 1;
-                        break;
-                    case 3:
-                        record->eepRuns[0] = 4 * n - 3;
-                        record->eepRuns[1] = 2 * n + 3;
-                        break;
-                    default:  // levels 1 and 3
-                        record->eepRuns[0] = 6 * n - 3;
-                        record->eepRuns[1] = 3;
-                        break;
-                }
-            } else {
-                const int32_t n = record->subChannelSize / kEepDivisorsB[level];
-                record->bitsPerCif = uint16_t(768 * n);
-                record->eepRuns[0] = 24 * n - 3;
-                record->eepRuns[1] = 3;
-            }
-        }
-        // A sub-channel outside the CIF has no place in FrameCarriers or in
-        // DeinterleaveStore; it is refused rather than read out of bounds.
-        if (record->startAddress < 0 || record->subChannelSize <= 0 ||
-            record->startAddress + record->subChannelSize > kCapacityUnitsPerCif || m.carrierCount <= 0) {
-            return 0;
-        }
+        if (DeriveSubChannel(record) != 1 || m.carrierCount <= 0) return 0;
         record->timeStore = workBlocks.deinterleaveStore != nullptr
                                 ? workBlocks.deinterleaveStore + kCapacityUnitStoreBytes * record->startAddress
                                 : nullptr;

@@ -20,6 +20,12 @@ constexpr int32_t kCapacityUnitStoreBytes = 1024;      // 16 branches of 64 soft
 // book-keeping of a deletion) and the rest go on. 1, or 0 if a set-up failed.
 int32_t ApplyServiceRequests();
 
+// Works out the record's size, bitsPerCif and puncturing runs from the
+// host's parameters. 1 if the sub-channel can be decoded; 0 if it carries no
+// bits, lies outside the CIF's 864 capacity units, or its coded bits would
+// overrun its capacity units or the Viterbi block. Touches no buffer.
+int32_t DeriveSubChannel(ServiceComponent* record);
+
 // derive: sizes, puncturing runs, buffers and symbol range, once per record;
 // map: enters the record into SymbolMask and restarts its time
 // de-interleaving. 1, or 0 when an allocation failed or the sub-channel

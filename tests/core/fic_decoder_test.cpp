@@ -228,7 +228,8 @@ TEST_F(FicDecoderTest, ReceptionLineCountsGoodCifs) {
 
 TEST_F(FicDecoderTest, CifCountIsTakenOnlyWhenWanted) {
     // FIB 0 holds a FIG 0/0 but fails its CRC; FIB 4 holds one behind two
-    // other FIGs. The count is 3 * 250 + 201.
+    // other FIGs. The count is 3 * 250 + 201, that of the second CIF (FIB 4
+    // of mode I), so the frame's first CIF has the low part 200.
     Transmit({}, 0.7071f, 0.0f, [](int i, std::mt19937& rng) {
         return i == 0   ? fictest::MakeFib({0x05, 0x00, 0xE1, 0x23, 0x01, 11}, true)
                : i == 4 ? fictest::MakeFib({0x22, 0x10, 0x20, 0x23, 0x00, 0x01, 0x02, 0x05, 0x00, 0xE1, 0x23, 0x03, 201})
@@ -239,10 +240,10 @@ TEST_F(FicDecoderTest, CifCountIsTakenOnlyWhenWanted) {
     cifCountWanted = 1;
     DecodeFic();
     EXPECT_EQ(ficDecoder.cifCountValid, 1);
-    EXPECT_EQ(ficDecoder.latestCifCountLow, 201);
+    EXPECT_EQ(ficDecoder.latestCifCountLow, 200);
     Frame();
     EXPECT_EQ(ficDecoder.cifCountValid, 0);
-    EXPECT_EQ(ficDecoder.latestCifCountLow, 201);
+    EXPECT_EQ(ficDecoder.latestCifCountLow, 200);
 }
 
 TEST_F(FicDecoderTest, AnyFloatIsClippedIntoANibble) {

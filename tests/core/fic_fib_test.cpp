@@ -59,6 +59,10 @@ TEST(FindEnsembleInfo, WalksTheGoodFibsOfTheFrame) {
     const Bytes last = fictest::MakeFib({0x24, 1, 2, 3, 4, 0x21, 9, 0x05, 0x00, 0xE1, 0x23, 0x02, 77});
     std::copy(last.begin(), last.end(), frame.begin() + 11 * 32);
     EXPECT_EQ(find(0xFFF1), 77);
+    int32_t fibIndex = -1;
+    uint8_t low = 0;
+    EXPECT_EQ(FindEnsembleInfo(frame.data(), 0xFFF1, &low, &fibIndex), 1);
+    EXPECT_EQ(fibIndex, 11) << "the FIB, and so the CIF, that carried the count";
     EXPECT_EQ(find(0xFFE1), -1);  // that FIB failed its CRC
     EXPECT_EQ(find(0xFFF4), -1);  // mode IV has six FIBs
     // The first good FIB that holds one wins; mode bits that name no mode find nothing.

@@ -135,7 +135,7 @@ TEST_F(Services, ShortAndLongFormSizes) {
     };
     const Case cases[] = {
         {Short(0, 1, 0, 0), 16, 768, 0, 0},               // 32 kbit/s, level 5
-        {Short(0, 1, 0, 64 + 63), 416, 9216, 0, 0},        // only the low 6 bits of the index count
+        {Short(0, 1, 0, 63), 416, 9216, 0, 0},             // 384 kbit/s, level 1
         {Long(0, 1, 0, 1, 8), 8, 192, 5, 1},               // set A level 2, n = 1
         {Long(0, 1, 0, 1, 24), 24, 576, 3, 15},            // set A level 2, n = 3
         {Long(0, 1, 0, 0, 25), 25, 384, 9, 3},             // set A level 1: 25 / 12 gives n = 2
@@ -190,13 +190,57 @@ TEST_F(Services, WholeCifInModeThreeUsesEverySymbol) {
     for (int32_t i = 0; i < 153; ++i) EXPECT_NE(SymbolMask[i], 0) << i;
 }
 
-TEST_F(Services, SubChannelOutsideTheCifIsDroppedAtTakeOver) {
-    ASSERT_EQ(AddServiceRequest(Long(0, 1, 860, 3, 8)), 1);  // CUs 860..867
+TEST_F(Services, BadArgumentsAreRefusedAndChangeNothing) {
+    // Each case is refused by add and by a change of an active sub-channel.
+    struct Case {
+        const char* what;
+        ServiceRequest request;
+    };
+    const Case cases[] = {
+        {"sub-channel id above 63", Short(0, 64, 0, 0)},
+        {"negative sub-channel id", Short(0, -1, 0, 0)},
+        {"table index above 63", Short(0, 1, 0, 64)},
+        {"negative table index", Short(0, 1, 0, -1)},
+        {"negative start", Short(0, 1, -1, 0)},
+        {"short form past the CIF", Short(0, 1, 849, 0)},  // 16 CUs from 849
+        {"option and level above 3 bits", Long(0, 1, 0, 8, 12)},
+        {"negative option and level", Long(0, 1, 0, -1, 12)},
+        {"size 0", Long(0, 1, 0, 3, 0)},
+        {"negative size", Long(0, 1, 0, 3, -4)},
+        {"size below one step of set A", Long(0, 1, 0, 0, 11)},
+        {"size below one step of set B", Long(0, 1, 0, 4 + 0, 26)},
+        {"long form past the CIF", Long(0, 1, 860, 3, 8)},
+        {"long form larger than a CIF", Long(0, 1, 0, 3, 868)},
+    };
+    ASSERT_TRUE(Take(Short(0, 2, 500, 0)));
+    ServiceComponent* active = receiverStatus.activeServices;
+    for (const Case& c : cases) {
+        ServiceRequest add = c.request;
+        EXPECT_EQ(AddServiceRequest(add), 0) << c.what;
+        add.subChannelId = add.subChannelId == 1 ? 2 : add.subChannelId;
+        EXPECT_EQ(ChangeServiceOrganisation(add, 10), 0) << c.what;
+    }
+    EXPECT_EQ(receiverStatus.addedServices, nullptr);
+    EXPECT_EQ(active->reconfiguration, nullptr);
+    EXPECT_EQ(receiverStatus.serviceCount, 1);
+    EXPECT_EQ(receiverStatus.freeSlots, 1);
+    EXPECT_EQ(cifCountWanted, 0);
+    // The largest that fits is accepted: set B level 4 over the whole CIF.
+    ASSERT_EQ(DeleteServiceRequest(2), 1);
+    EXPECT_EQ(AddServiceRequest(Long(0, 1, 0, 4 + 3, 864)), 1);
+}
+
+TEST_F(Services, FailedSetUpAtTakeOverDropsOnlyThatRequest) {
+    ASSERT_EQ(AddServiceRequest(Short(0, 1, 0, 0)), 1);
+    // A record that can't be set up, as after a failed allocation.
+    receiverStatus.addedServices->startAddress = 860;
     EXPECT_EQ(RunFrameStep(), 0) << "the set-up failed; the step itself went on";
     EXPECT_EQ(receiverStatus.activeServices, nullptr);
+    EXPECT_EQ(pipeline.selectedCount, 0);
     EXPECT_EQ(receiverStatus.primaryPresent, 0);
     EXPECT_EQ(receiverStatus.freeSlots, 2);
-    EXPECT_EQ(AddServiceRequest(Short(0, 2, 0, 0)), 1) << "the slot is free again";
+    EXPECT_EQ(receiverStatus.serviceCount, 0);
+    EXPECT_EQ(AddServiceRequest(Short(0, 2, 0, 0)), 1) << "the lock was given back and the slot is free again";
 }
 
 TEST_F(Services, AnnouncedChangeIsSwappedInWhenDue) {
