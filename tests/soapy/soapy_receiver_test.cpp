@@ -1,18 +1,26 @@
 // The receiver on the SoapySDR device library and the test module, through
 // the public interface: it locks on the generated ensemble, its sample-clock
 // correction reaches the module's frequency correction and cancels the
-// module's clock error, and after the device is unplugged tuning fails, a
-// close completes and a new open brings reception back.
+// module's clock error, a sub-channel's bytes are the bytes sent, and after
+// the device is unplugged tuning fails, a close completes and a new open
+// brings reception back.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cmath>
 #include <cstdlib>
+#include <memory>
+#include <mutex>
 #include <thread>
+#include <vector>
 
+#include "generator/ensemble_description.h"
+#include "generator/multiplex.h"
 #include "mvxdab.h"
 #include "tests/soapy/soapy_test_support.h"
+#include "tests/support/generated_subchannels.h"
 
 namespace {
 
@@ -32,6 +40,14 @@ void OnFic(uint8_t*, int32_t length, int32_t flags) {
         ++fibs;
         if ((flags >> (15 - i)) & 1) ++goodFibs;
     }
+}
+
+std::mutex mscLock;
+std::vector<uint8_t> received;  // MSC bytes of the selected sub-channel
+
+void OnMsc(uint8_t* bytes, int32_t length, int32_t) {
+    std::lock_guard<std::mutex> hold(mscLock);
+    received.insert(received.end(), bytes, bytes + length);
 }
 
 // Waits until the receiver reports lock; false after `seconds` of signal
@@ -54,6 +70,7 @@ protected:
         setenv("MVSOAPY_DEVICE", "driver=mvxtest", 1);
         setenv("MVXTEST_SOURCE", "generated:preset=default,snr=25", 1);
         ASSERT_EQ(MVDAB_SetFICCallBack(OnFic), 1);
+        ASSERT_EQ(MVDAB_SetMSCCallBack(OnMsc), 1);
         // Faster than real time, but paced, so that the receiver keeps up;
         // sanitized builds play the signal slowed down.
         setenv("MVXTEST_SPEED", kSanitized ? "0.3" : "3", 1);
@@ -64,10 +81,20 @@ protected:
         ClearTestEnvironment();
         unsetenv("MVDAB_DEVICE_LIBRARY");
     }
+    // The module's frequency correction comes to cancel its 40 ppm clock
+    // error, and the FIC stays clean with it.
+    void ExpectClockCorrectionReachesTheModule();
+    // A second of signal brings FIBs, all with a good CRC.
+    void ExpectCleanFic() {
+        fibs = goodFibs = 0;
+        std::this_thread::sleep_for(std::chrono::duration<double>(1.0 / speed_));
+        EXPECT_GT(fibs.load(), 30);
+        EXPECT_EQ(goodFibs.load(), fibs.load());
+    }
     double speed_ = 1.0;  // pace of the module, multiple of real time
 };
 
-TEST_F(SoapyReceiverTest, LocksAndItsClockCorrectionReachesTheDevice) {
+TEST_F(SoapyReceiverTest, LocksCorrectsItsClockThroughTheDeviceAndDeliversTheBytesSent) {
     // The module's converter runs 40 ppm fast; the receiver measures that and
     // writes -40 ppm into the sample-rate register, which the device library
     // hands to the module as a reference error of +40 ppm.
@@ -78,11 +105,46 @@ TEST_F(SoapyReceiverTest, LocksAndItsClockCorrectionReachesTheDevice) {
     ASSERT_EQ(MVDAB_SetFreqAndBW(227360), 1);
     ASSERT_TRUE(LocksWithin(15.0, speed_));
     EXPECT_EQ(ReadModuleState().frequencyHz, 227360000.0);
-    fibs = goodFibs = 0;
-    std::this_thread::sleep_for(std::chrono::duration<double>(1.0 / speed_));
-    EXPECT_GT(fibs.load(), 30);
-    EXPECT_EQ(goodFibs.load(), fibs.load());
-    if (kSanitized) return;
+    ExpectCleanFic();
+    if (!kSanitized) {
+        ExpectClockCorrectionReachesTheModule();
+        if (HasFatalFailure()) return;
+    }
+
+    // The MP2 sub-channel (id 2, UEP) of the generated ensemble, as the host
+    // learns its parameters from the FIC.
+    gen::EnsembleDescription d;
+    std::string error;
+    ASSERT_TRUE(gen::MakePresetDescription("default", gen::PresetOptions{}, &d, &error)) << error;
+    std::unique_ptr<gen::Multiplex> multiplex = gen::Multiplex::Make(d, &error);
+    ASSERT_NE(multiplex, nullptr) << error;
+    d = multiplex->Description();
+    mvdab::test::SubChannelParameters p;
+    ASSERT_TRUE(mvdab::test::DescribeSubChannel(d, 2, false, &p));
+    {
+        std::lock_guard<std::mutex> hold(mscLock);
+        received.clear();
+    }
+    ASSERT_EQ(MVDAB_AddServiceCom(0, 2, p.startAddress, p.longForm, p.tableIndex, p.optionAndLevel, p.size, 0, 0), 1);
+    std::this_thread::sleep_for(std::chrono::duration<double>(3.0 / speed_));
+    ASSERT_EQ(MVDAB_DelServiceCom(0, 2, 0), 1);
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+
+    // One stretch of what was sent: nothing lost, doubled or altered.
+    std::lock_guard<std::mutex> hold(mscLock);
+    const size_t logicalFrame = 3 * 128;  // bytes of 24 ms at 128 kbit/s
+    EXPECT_GE(received.size(), 40 * logicalFrame) << "less than a second of the sub-channel";
+    ASSERT_GE(received.size(), size_t(64));
+    const int64_t played = ReadModuleState().samples / 49152 + 64;  // 24 ms are 49,152 samples
+    const std::vector<uint8_t> sent = mvdab::test::SentPayload(d, 2, played);
+    const auto at = std::search(sent.begin(), sent.end(), received.begin(), received.begin() + 64);
+    ASSERT_NE(at, sent.end()) << "the first bytes delivered were never sent";
+    ASSERT_LE(size_t(at - sent.begin()) + received.size(), sent.size());
+    EXPECT_TRUE(std::equal(received.begin(), received.end(), at));
+    std::printf("    %zu bytes of sub-channel 2 compared with what was sent\n", received.size());
+}
+
+void SoapyReceiverTest::ExpectClockCorrectionReachesTheModule() {
     double correction = 0.0;
     const auto end = Clock::now() + std::chrono::duration<double>(30.0 / speed_);
     while (Clock::now() < end && std::fabs((correction = ReadModuleState().correctionPpm) - 40.0) > 2.0)
@@ -90,10 +152,7 @@ TEST_F(SoapyReceiverTest, LocksAndItsClockCorrectionReachesTheDevice) {
     std::printf("    module's frequency correction %+.2f ppm for a clock error of +40 ppm\n", correction);
     EXPECT_NEAR(correction, 40.0, 2.0);
     // With the correction in force, the FIC stays clean.
-    fibs = goodFibs = 0;
-    std::this_thread::sleep_for(std::chrono::duration<double>(1.0 / speed_));
-    EXPECT_GT(fibs.load(), 30);
-    EXPECT_EQ(goodFibs.load(), fibs.load());
+    ExpectCleanFic();
 }
 
 TEST_F(SoapyReceiverTest, UnpluggedDeviceFailsTuningAndANewOpenRecovers) {
