@@ -50,6 +50,15 @@ void OnMsc(uint8_t* bytes, int32_t length, int32_t) {
     received.insert(received.end(), bytes, bytes + length);
 }
 
+// Waits until the module has played `seconds` more of its signal (a
+// sanitized build may generate it slower than its pace).
+void PlayFor(double seconds) {
+    const int64_t until = ReadModuleState().samples + int64_t(seconds * 2048000.0);
+    const auto end = Clock::now() + std::chrono::seconds(120);
+    while (Clock::now() < end && ReadModuleState().samples < until)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+}
+
 // Waits until the receiver reports lock; false after `seconds` of signal
 // played at `speed` times real time.
 bool LocksWithin(double seconds, double speed) {
@@ -87,7 +96,7 @@ protected:
     // A second of signal brings FIBs, all with a good CRC.
     void ExpectCleanFic() {
         fibs = goodFibs = 0;
-        std::this_thread::sleep_for(std::chrono::duration<double>(1.0 / speed_));
+        PlayFor(1.0);
         EXPECT_GT(fibs.load(), 30);
         EXPECT_EQ(goodFibs.load(), fibs.load());
     }
@@ -126,7 +135,7 @@ TEST_F(SoapyReceiverTest, LocksCorrectsItsClockThroughTheDeviceAndDeliversTheByt
         received.clear();
     }
     ASSERT_EQ(MVDAB_AddServiceCom(0, 2, p.startAddress, p.longForm, p.tableIndex, p.optionAndLevel, p.size, 0, 0), 1);
-    std::this_thread::sleep_for(std::chrono::duration<double>(3.0 / speed_));
+    PlayFor(3.0);
     ASSERT_EQ(MVDAB_DelServiceCom(0, 2, 0), 1);
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
 
@@ -160,11 +169,8 @@ TEST_F(SoapyReceiverTest, UnpluggedDeviceFailsTuningAndANewOpenRecovers) {
     ASSERT_EQ(MVDAB_OpenDevice(), 1);
     ASSERT_EQ(MVDAB_SetFreqAndBW(227360), 1);
     EXPECT_TRUE(LocksWithin(2.5, speed_));
-    // Until the module has played its 3 s and failed (the generator may be
-    // slower than its pace in a sanitized build).
-    const auto end = Clock::now() + std::chrono::seconds(120);
-    while (Clock::now() < end && ReadModuleState().samples < 3 * 2048000)
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    // Until the module has played its 3 s and failed.
+    PlayFor(3.0 - double(ReadModuleState().samples) / 2048000.0);
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     // The device is gone: a new tuning fails, and so does a start after a stop.
     EXPECT_EQ(MVDAB_SetFreqAndBW(222064), 0);
