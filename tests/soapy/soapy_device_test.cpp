@@ -4,7 +4,6 @@
 // correction, and a device that is unplugged or stalls while streaming.
 #include <dlfcn.h>
 #include <sys/eventfd.h>
-#include <poll.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -71,13 +70,8 @@ protected:
         std::vector<uint8_t> buffer(MVA_READ_CAPACITY);
         const auto end = Clock::now() + limit;
         while (out.size() < bytes && lastGetData_ == 1 && Clock::now() < end) {
-            pollfd p{event_, POLLIN, 0};
-            if (poll(&p, 1, 50) <= 0) continue;
-            uint64_t count = 0;
-            if (read(event_, &count, sizeof count) < 0) continue;
             int32_t got = 0;
-            int32_t reserved = 0;
-            if (entries_.getData(buffer.data(), MVA_READ_CAPACITY, &got, &reserved) == 0) lastGetData_ = 0;
+            if (WaitAndFetch(entries_, event_, 50, buffer.data(), &got) == 0) lastGetData_ = 0;
             out.insert(out.end(), buffer.begin(), buffer.begin() + got);
         }
         return out;

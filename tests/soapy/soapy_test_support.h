@@ -3,6 +3,8 @@
 #pragma once
 
 #include <dlfcn.h>
+#include <poll.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -62,6 +64,19 @@ private:
         return *entry != nullptr;
     }
 };
+
+// As the receiver's capture thread does: waits up to `timeoutMs` for the
+// event, then makes one MVA_GetData call into `buffer` (MVA_READ_CAPACITY
+// bytes) and stores the count in *got. The call's result, or -1 when the
+// event didn't come.
+inline int32_t WaitAndFetch(const DeviceEntries& entries, int eventFd, int timeoutMs, uint8_t* buffer, int32_t* got) {
+    *got = 0;
+    pollfd p{eventFd, POLLIN, 0};
+    uint64_t count = 0;
+    if (poll(&p, 1, timeoutMs) <= 0 || read(eventFd, &count, sizeof count) < 0) return -1;
+    int32_t reserved = 0;
+    return entries.getData(buffer, MVA_READ_CAPACITY, got, &reserved);
+}
 
 // The test module's state (see test_module.cpp); zeros when it isn't loaded.
 struct ModuleState {
