@@ -1,6 +1,5 @@
 // The 13 entry points of the device library on a SoapySDR device. These are
 // the library's only exported symbols; all else stays hidden.
-#include <cstdio>
 #include <memory>
 #include <mutex>
 

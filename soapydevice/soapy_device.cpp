@@ -1,11 +1,8 @@
 #include "soapydevice/soapy_device.h"
 
-#include <SoapySDR/Formats.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 
 namespace soapydev {
