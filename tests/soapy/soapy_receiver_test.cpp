@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -185,6 +186,28 @@ TEST_F(SoapyReceiverTest, UnpluggedDeviceFailsTuningAndANewOpenRecovers) {
     ASSERT_EQ(MVDAB_OpenDevice(), 1);
     ASSERT_EQ(MVDAB_SetFreqAndBW(227360), 1);
     EXPECT_TRUE(LocksWithin(15.0, speed_));
+}
+
+}  // namespace
+
+namespace {
+
+// MVDAB_DEVICE_LIBRARY chooses the device library by file name or path; one
+// that isn't there fails the open instead of falling back to the default.
+TEST_F(SoapyReceiverTest, TheChosenDeviceLibraryIsLoadedOrTheOpenFails) {
+    setenv("MVDAB_DEVICE_LIBRARY", "libMVC900ACCESS_none.so", 1);
+    EXPECT_EQ(MVDAB_OpenDevice(), 0);
+    // The SoapySDR library by path, with no such device: "no device" (the
+    // emulated device would have opened).
+    const char* dir = std::getenv("MVDAB_LIB_DIR");
+    const std::string path = std::string(dir != nullptr ? dir : ".") + "/libMVC900ACCESS_soapy.so";
+    setenv("MVDAB_DEVICE_LIBRARY", path.c_str(), 1);
+    setenv("MVSOAPY_DEVICE", "driver=none-such", 1);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(MVDAB_OpenDevice(), 2);
+    testing::internal::GetCapturedStderr();
+    setenv("MVSOAPY_DEVICE", "driver=mvxtest", 1);
+    EXPECT_EQ(MVDAB_OpenDevice(), 1);
 }
 
 }  // namespace
