@@ -98,6 +98,7 @@ void TrackFrames() {
         p.frameSamples = p.framePosition;
         DemodulateFrame();
         DecodeFic();
+        NoteFicResult(receiverStatus.syncState);
         for (int32_t i = 0; i < p.selectedCount; ++i) DecodeSubChannel(p.selectedServices[i]);
         p.framePositionExact += float(frameBytes);
     }
@@ -164,6 +165,7 @@ int32_t RunFrameStep() {
             ReleaseAllServices();
             FlushWorker();
             pipeline.servicesDirty = 0;
+            ForgetRejectedShift();
             ResetAcquisition();
         } else if (mode.configuredMode != -1) {
             // A failed set-up has already dropped its record; the lock is
@@ -173,6 +175,7 @@ int32_t RunFrameStep() {
         GiveRequestMailbox();
     }
     if (pipeline.resyncRequest == 1) {
+        NoteRestart();
         FlushWorker();
         pipeline.servicesDirty = 1;
         ResetAcquisition();

@@ -135,8 +135,9 @@ TEST(AcquisitionOnSignal, LocksInEveryModeWithTheRightPositionAndFrequency) {
 }
 
 TEST(AcquisitionOnSignal, IntegerShiftAcrossTheReachableRangeAndWrongJustOutside) {
-    // Shifts the search reaches, in bins: an offset of -s spacings needs shift s.
-    constexpr int32_t kLowest[4] = {-224, -96, -32, -96}, kHighest[4] = {199, 49, 31, 99};
+    // Shifts the search reaches (+-256 kHz), in bins: an offset of -s spacings
+    // needs shift s.
+    constexpr int32_t kLowest[4] = {-256, -64, -32, -128}, kHighest[4] = {256, 64, 32, 128};
     for (int m = 1; m <= 4; ++m) {
         const int32_t lo = kLowest[m - 1], hi = kHighest[m - 1];
         for (int32_t s : {lo, -33, 32, hi, lo - 1, hi + 1}) {
