@@ -32,12 +32,14 @@ TEST(DipVote, IntervalAndNullLengthBorders) {
 }
 
 // A lead of two votes over every other mode, of three between modes II and
-// III; the result is the mode number from 1, 0 for no decision.
+// III; the result is the mode number from 1, 0 for no decision. Where
+// modes II and III together lead by two but neither alone by three, the
+// result is the pair (5), for the null width to decide.
 TEST(ModeDecision, NeedsALeadOfTwoAndOfThreeBetweenModesIIAndIII) {
     const int32_t cases[][5] = {
-        {0, 0, 0, 0, 0}, {1, 0, 0, 0, 0}, {2, 0, 0, 0, 1}, {3, 1, 0, 0, 1}, {3, 2, 0, 0, 0}, {0, 2, 0, 0, 0},
-        {0, 3, 0, 0, 2}, {0, 3, 1, 0, 0}, {0, 4, 1, 0, 2}, {0, 1, 3, 0, 0}, {0, 0, 3, 0, 3}, {2, 0, 3, 0, 0},
-        {0, 0, 0, 2, 4}, {0, 0, 2, 3, 0}, {0, 0, 1, 3, 4}, {5, 5, 0, 0, 0},
+        {0, 0, 0, 0, 0}, {1, 0, 0, 0, 0}, {2, 0, 0, 0, 1}, {3, 1, 0, 0, 1}, {3, 2, 0, 0, 0}, {0, 2, 0, 0, 5},
+        {0, 3, 0, 0, 2}, {0, 3, 1, 0, 5}, {0, 4, 1, 0, 2}, {0, 1, 3, 0, 5}, {0, 0, 3, 0, 3}, {2, 0, 3, 0, 0},
+        {0, 0, 0, 2, 4}, {0, 0, 2, 3, 0}, {0, 0, 1, 3, 4}, {5, 5, 0, 0, 0}, {1, 1, 1, 0, 0}, {0, 1, 1, 0, 5},
     };
     for (const auto& c : cases)
         EXPECT_EQ(DecideTransmissionMode(c), c[4]) << c[0] << " " << c[1] << " " << c[2] << " " << c[3];
