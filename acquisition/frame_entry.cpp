@@ -158,6 +158,14 @@ int32_t SearchIntegerShift(const float* bins, const float* reference, int32_t tr
     // -32..31 and to multiples of 64 around that stage's best reaches only
     // part of this range (mode I: -224..199 bins) and takes a wrong shift
     // just beyond it; the full search costs about 2 ms once per lock.
+    // At the ends of the range the low-pass of the entry filter (flat to
+    // about +-500 kHz, -9 dB at 700, -23 dB at 768) weakens the outer
+    // quarter of the carriers in this spectrum. A tuner's own channel filter,
+    // centred on its tuning and barely wider than the ensemble, cuts those
+    // carriers at such an offset too. The receiver keeps its filter: the
+    // carriers that pass decide the shift as surely (every shift to +-256 kHz
+    // locks at 15 dB with every FIB good), and demodulation after entry runs
+    // on unfiltered samples, so nothing is lost once locked.
     const int32_t largest = LargestShift(transmissionMode);
     double bestMetric = 0.0;
     int32_t bestShift = 0;

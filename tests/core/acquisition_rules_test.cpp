@@ -138,9 +138,15 @@ TEST_F(SearchState, FramePositionStandsBackoffAndOneSampleBeforeThePhaseReferenc
 // Half a carrier spacing off, noise puts the prefix angles on both sides of
 // pi: the smoothed angle must stay near pi, not cancel towards 0.
 TEST(FractionalEstimate, AnglesAcrossPlusMinusPiDoNotCancel) {
-    float e = 0.0f;
-    for (double a : {-3.0, 3.1, -3.05, 3.08, 3.0, -3.1, 3.12, -3.0, 3.05, -3.12, 3.1}) e = SmoothPrefixAngle(e, a);
+    const double angles[] = {-3.0, 3.1, -3.05, 3.08, 3.0, -3.1, 3.12, -3.0, 3.05, -3.12, 3.1};
+    float e = 0.0f, plain = 0.0f;
+    for (double a : angles) {
+        e = SmoothPrefixAngle(e, a);
+        plain = static_cast<float>(0.75 * plain + 0.25 * a);  // each angle as it comes
+    }
     EXPECT_GT(std::abs(e), 2.8f);
+    // Taken as they come, the angles cancel: the estimate is half a spacing off.
+    EXPECT_LT(std::abs(plain), 1.0f);
     // Angles closer than pi to the running value are taken as they come, the
     // others are brought within pi of it first.
     EXPECT_FLOAT_EQ(SmoothPrefixAngle(-1.0f, 2.0), static_cast<float>(0.75 * -1.0 + 0.25 * 2.0));
