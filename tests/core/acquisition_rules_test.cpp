@@ -182,7 +182,9 @@ TEST(IntegerSearch, FindsEveryShiftOfTheCaptureRangeAndNoneJustOutside) {
         // Mode I: every seventh shift of the range, and its upper border.
         for (int32_t s = lowest[m]; s <= highest[m]; s += m == kModeI ? 7 : 1) ASSERT_EQ(search(s), s) << "mode " << m;
         for (int32_t s : {lowest[m], -33, 32, 200, highest[m]}) {
-            if (s >= lowest[m] && s <= highest[m]) EXPECT_EQ(search(s), s) << "mode " << m;
+            if (s >= lowest[m] && s <= highest[m]) {
+                EXPECT_EQ(search(s), s) << "mode " << m;
+            }
         }
         for (int32_t s : {lowest[m] - 1, highest[m] + 1}) EXPECT_NE(search(s), s) << "mode " << m << " shift " << s;
         EXPECT_EQ(search(5, 6), 5) << "mode " << m;
