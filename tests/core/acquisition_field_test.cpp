@@ -23,6 +23,7 @@
 #include "generator/frame_transmitter.h"
 #include "receiver/callback_slots.h"
 #include "receiver/receiver_state.h"
+#include "tests/support/dab_signal.h"
 #include "tests/support/frame_harness.h"
 
 namespace {
@@ -88,7 +89,8 @@ Outcome Receive(int32_t mode, const gen::ChannelParams& channel, double seconds,
     // that the CW coming on does not drive the converter into clipping.
     const double cwShare = std::pow(10.0, cw.powerDb / 10.0);
     if (cw.fromSeconds < seconds && params.gain == 0.0) {
-        const double noiseShare = std::isfinite(params.snrDb) ? std::pow(10.0, -params.snrDb / 10.0) * 2.048 / 1.536 : 0.0;
+        const double noiseShare =
+            std::isfinite(params.snrDb) ? std::pow(10.0, -params.snrDb / 10.0) * 2.048 / 1.536 : 0.0;
         params.gain = gen::kAutoRmsLsb / std::sqrt(tx.MeanPower() * (1.0 + cwShare + noiseShare) / 2.0);
     }
     gen::ChannelModel model(params, tx.MeanPower());
@@ -106,7 +108,9 @@ Outcome Receive(int32_t mode, const gen::ChannelParams& channel, double seconds,
         tx.Read(samples.data(), samples.size());
         for (auto& x : samples) {
             const double t = static_cast<double>(sent++) / kSampleRate;
-            if (t >= cw.fromSeconds) x += std::polar(static_cast<float>(cwAmplitude), static_cast<float>(std::fmod(kTwoPi * cw.offsetHz * t, kTwoPi)));
+            if (t < cw.fromSeconds) continue;
+            const double phase = std::fmod(kTwoPi * cw.offsetHz * t, kTwoPi);
+            x += std::polar(static_cast<float>(cwAmplitude), static_cast<float>(phase));
         }
         model.ProcessU8(samples.data(), samples.size(), bytes);
         h.PushBytes(bytes.data(), static_cast<int32_t>(bytes.size()));
@@ -122,15 +126,6 @@ Outcome Receive(int32_t mode, const gen::ChannelParams& channel, double seconds,
     return o;
 }
 
-gen::ChannelParams Channel(uint64_t seed, double snrDb, double offsetHz, double leadIn = 0.0) {
-    gen::ChannelParams c;
-    c.seed = seed;
-    c.snrDb = snrDb;
-    c.frequencyOffsetHz = offsetHz;
-    c.leadInSeconds = leadIn;
-    c.randomStart = true;
-    return c;
-}
 // A CW as strong as the whole ensemble comes on after lock; its products
 // once pulled the frequency loop off the ensemble and lock was lost (mode I
 // with excision as well). Lock holds, with every FIB good and the correction
@@ -140,7 +135,7 @@ TEST(FieldSignal, StrongCwPulledTheFrequencyLoop) {
         SCOPED_TRACE(::testing::Message() << "mode " << mode << " CW at " << cwKhz << " kHz");
         const double offsetHz = 3000.0;
         const LateCw cw{1.2, cwKhz * 1000.0 - offsetHz, 0.0};
-        const Outcome o = Receive(mode, Channel(11, 15.0, offsetHz), 3.5, -1.0, 1, cw);
+        const Outcome o = Receive(mode, test::RandomStartChannel(11, 15.0, offsetHz), 3.5, -1.0, 1, cw);
         ASSERT_GE(o.lockSeconds, 0.0);
         EXPECT_LT(o.lockSeconds, 1.2);
         EXPECT_TRUE(o.lockedAtEnd);
@@ -155,7 +150,7 @@ TEST(FieldSignal, StrongCwPulledTheFrequencyLoop) {
 // mode I was never found. It locks within 3 s.
 TEST(FieldSignal, FadesBetweenNullsKeptModeIFromBeingFound) {
     for (uint64_t seed : {1u, 2u}) {
-        gen::ChannelParams channel = Channel(seed + 700, 15.0, 2000.0);
+        gen::ChannelParams channel = test::RandomStartChannel(seed + 700, 15.0, 2000.0);
         channel.fadingDopplerHz = 40.0;
         const Outcome o = Receive(1, channel, 3.0, 0.0, seed);
         EXPECT_GE(o.lockSeconds, 0.0) << "seed " << seed;
@@ -172,7 +167,7 @@ TEST(FieldSignal, AWrongShiftWasEnteredAgainAfterEveryRestart) {
     std::string error;
     ASSERT_TRUE(gen::MakeEnsembleBits("default", "", 4, 1, &bits, &error)) << error;
     gen::FrameTransmitter tx(std::move(bits.source), 4);
-    gen::ChannelModel model(Channel(5, 20.0, -20300.0), tx.MeanPower());
+    gen::ChannelModel model(test::RandomStartChannel(5, 20.0, -20300.0), tx.MeanPower());
     test::FrameHarness h;
     ASSERT_TRUE(h.ready());
     h.Tune(kFrequency);
@@ -210,7 +205,7 @@ TEST(FieldSignal, AWrongShiftWasEnteredAgainAfterEveryRestart) {
 // reaches syncState 4 within 13 IqFrames (0.76 s) of signal.
 TEST(FieldSignal, ModeIWaitedAFramePeriodAfterEntry) {
     for (uint64_t seed : {1u, 2u, 3u}) {
-        const Outcome o = Receive(1, Channel(seed + 500, 20.0, 12000.0), 1.5, 0.0, seed);
+        const Outcome o = Receive(1, test::RandomStartChannel(seed + 500, 20.0, 12000.0), 1.5, 0.0, seed);
         EXPECT_GE(o.lockSeconds, 0.0) << "seed " << seed;
         EXPECT_LE(o.lockSeconds, 13 * kIqFrameSamples / kSampleRate + 1e-9) << "seed " << seed;
     }
@@ -239,7 +234,7 @@ TEST(FieldSweep, LockAcrossTheCaptureRange) {
             const double fraction = (static_cast<int>(khz) % 3 - 1) * 0.3 * kSpacingKhz[mode - 1];
             const double offset = std::clamp(khz + fraction, -256.0, 256.0);
             const uint64_t seed = static_cast<uint64_t>(1000 + khz);
-            const Outcome o = Receive(mode, Channel(seed, 15.0, offset * 1000.0, 0.2), 4.0, 1.5, seed);
+            const Outcome o = Receive(mode, test::RandomStartChannel(seed, 15.0, offset * 1000.0, 0.2), 4.0, 1.5, seed);
             const bool ok = o.lockSeconds >= 0.0 && o.goodShare >= 0.99;
             failures += ok ? 0 : 1;
             ++points;
@@ -263,7 +258,7 @@ TEST(FieldSweep, TimeToLock) {
             std::vector<double> times;
             for (uint64_t seed = 1; seed <= 20; ++seed) {
                 const double offset = (static_cast<double>(seed * 7919 % 201) - 100.0) * 1000.0;
-                const Outcome o = Receive(mode, Channel(seed + 500, snr, offset), 4.0, 0.0, seed);
+                const Outcome o = Receive(mode, test::RandomStartChannel(seed + 500, snr, offset), 4.0, 0.0, seed);
                 if (o.lockSeconds >= 0.0) times.push_back(o.lockSeconds);
             }
             std::printf("%4d %4.0f  %2zu/20  %8.2f %6.2f\n", mode, snr, times.size(), Percentile(times, 0.5),
@@ -286,7 +281,8 @@ TEST(FieldSweep, LockInFading) {
             int64_t fibs = 0;
             double good = 0.0;
             for (uint64_t seed = 1; seed <= 20; ++seed) {
-                gen::ChannelParams channel = Channel(seed + 700, 15.0, (static_cast<double>(seed % 41) - 20.0) * 1000.0);
+                const double offsetHz = (static_cast<double>(seed % 41) - 20.0) * 1000.0;
+                gen::ChannelParams channel = test::RandomStartChannel(seed + 700, 15.0, offsetHz);
                 channel.fadingDopplerHz = doppler;
                 // Three paths of 0, -3 and -6 dB at 0, 2.5 and 10 us, each fading on its own.
                 if (c == 5) channel.taps = {{0.0, 0.0, 0.0}, {5.12, -3.0, 1.0}, {20.48, -6.0, 2.0}};
@@ -298,7 +294,8 @@ TEST(FieldSweep, LockInFading) {
             }
             std::printf("%4d %-14s %5zu/20  %8.2f  %10.1f\n", mode,
                         (c < 5 ? "flat " + std::to_string(static_cast<int>(doppler)) + " Hz" : "3-path 40 Hz").c_str(),
-                        times.size(), Percentile(times, 0.5), fibs > 0 ? 100.0 * good / static_cast<double>(fibs) : 0.0);
+                        times.size(), Percentile(times, 0.5),
+                        fibs > 0 ? 100.0 * good / static_cast<double>(fibs) : 0.0);
             std::fflush(stdout);
         }
     }
