@@ -37,6 +37,12 @@ constexpr int32_t kToleranceModeIV = 1024;
 // Null length of mode III and the half-width around it that tells it from mode II.
 constexpr int32_t kNullModeIII = 345;
 constexpr int32_t kNullToleranceModeIII = 50;
+constexpr int32_t kNullModeII = 664;
+// Rise of the least window mean from the narrow null to the wide one, over
+// the mean power, above which the null is mode III's. Mode III gives about
+// half the signal's share of the power (0.2 at 0 dB, 0.48 clean), mode II a
+// few hundredths.
+constexpr double kNullWidthRise = 0.12;
 
 inline float ToSample(uint8_t b) { return static_cast<float>(b) - 127.5f; }
 
@@ -47,6 +53,34 @@ void PushNullPosition(int32_t position) {
     NullPositions[0] = position;
 }
 
+// In fading, a deep fade of the signal opens and closes a dip of its own
+// every few tens of milliseconds (at 40 Hz Doppler several per mode I
+// frame), and each one restarts the interval count: between two nulls there
+// is then hardly ever a clean interval, and no mode ever leads. So a dip
+// whose interval from the dip before it fits no mode is measured against the
+// ends of the older dips as well, newest first; the first that fits gives
+// the vote. On a still signal the dip before is the previous null and this
+// is never reached.
+int32_t VoteAgainstEarlierDips(const CoarseSearch& s, int64_t now) {
+    // The newest memory entry is the dip before, already tried.
+    const int32_t kept = s.dipMemoryCount < kDipMemory ? s.dipMemoryCount : kDipMemory;
+    for (int32_t age = 1; age < kept; ++age) {
+        const int32_t slot = (s.dipMemoryCount - 1 - age) % kDipMemory;
+        const int64_t interval = now - s.dipEnds[slot];
+        if (interval > kIntervalModeI + kToleranceModeI) break;
+        const int32_t vote = ClassifyDipInterval(static_cast<int32_t>(interval), s.dipSamples);
+        if (vote >= 0) return vote;
+    }
+    return -1;
+}
+
+void RememberDipEnd(CoarseSearch& s, int64_t now) {
+    s.dipEnds[s.dipMemoryCount % kDipMemory] = now;
+    s.dipMemoryCount += 1;
+    // Keep the count small while preserving the slot order.
+    if (s.dipMemoryCount >= 2 * kDipMemory) s.dipMemoryCount -= kDipMemory;
+}
+
 }  // namespace
 
 void ResetCoarseSearch() {
@@ -55,6 +89,8 @@ void ResetCoarseSearch() {
     coarseSearch.inDip = 0;
     coarseSearch.samplesSinceDip = 0;
     coarseSearch.dipSamples = 0;
+    coarseSearch.samplesSeen = 0;
+    coarseSearch.dipMemoryCount = 0;
     for (int32_t& v : coarseSearch.modeVotes) v = 0;
     coarseSearch.scanFill = 0;
     coarseSearch.scanNeed = 0;
@@ -113,13 +149,54 @@ int32_t ClassifyDipInterval(int32_t interval, int32_t dipLength) {
 
 int32_t DecideTransmissionMode(const int32_t votes[4]) {
     const int32_t c1 = votes[0], c2 = votes[1], c3 = votes[2], c4 = votes[3];
-    // Modes II and III share their frame period and differ only by the null
-    // length, so between them the lead has to be one vote larger.
     if (c1 > c2 + 1 && c1 > c3 + 1 && c1 > c4 + 1) return 1;
     if (c2 > c1 + 1 && c2 > c3 + 2 && c2 > c4 + 1) return 2;
     if (c3 > c1 + 1 && c3 > c2 + 2 && c3 > c4 + 1) return 3;
     if (c4 > c1 + 1 && c4 > c2 + 1 && c4 > c3 + 1) return 4;
+    // Modes II and III share their frame period and differ only by the null
+    // length, which the dip length measures only on a clean signal: noise
+    // fills the null, the dip opens late and closes early, and at 6 dB and
+    // below mode III's dips look like mode II's. Together their votes lead
+    // as early as either would alone; which of the two it is, the null's
+    // width in the power envelope decides (ModeFromNullWidth, run by
+    // CoarseFrameSearch on every decision for mode II or III).
+    const int32_t c23 = c2 + c3;
+    if (c23 > c1 + 1 && c23 > c4 + 1) return kModeIIorIII;
     return 0;
+}
+
+double NullWidthRise(const float* power, int32_t count) {
+    constexpr int32_t kPeriod = kIntervalModeIIandIII;
+    if (power == nullptr || count < 2 * kPeriod) return 0.0;
+    // Two frame periods folded onto one: the null stands at the same place
+    // in both.
+    static float folded[kPeriod];
+    double total = 0.0;
+    for (int32_t i = 0; i < kPeriod; ++i) {
+        folded[i] = power[i] + power[i + kPeriod];
+        total += folded[i];
+    }
+    // Least mean power of a window of `width` values, cyclic over the fold.
+    auto leastMean = [](int32_t width) {
+        double sum = 0.0;
+        for (int32_t i = 0; i < width; ++i) sum += folded[i];
+        double least = sum;
+        for (int32_t i = width; i < kPeriod + width; ++i) {
+            sum += folded[i % kPeriod] - folded[i - width];
+            if (sum < least) least = sum;
+        }
+        return least / width;
+    };
+    // A mode II null (664 samples) holds noise alone over both widths; a
+    // mode III null (345) fills only half the wider window, whose mean then
+    // rises by about half the signal power. Noise lowers the narrower
+    // minimum by a few per cent of the noise power at most.
+    const double mean = total / kPeriod;
+    return mean > 0.0 ? (leastMean(kNullModeII) - leastMean(kNullModeIII)) / mean : 0.0;
+}
+
+int32_t ModeFromNullWidth(const float* power, int32_t count) {
+    return NullWidthRise(power, count) > kNullWidthRise ? 3 : 2;
 }
 
 int32_t DetectTransmissionMode(const float* power, int32_t count) {
@@ -145,7 +222,10 @@ int32_t DetectTransmissionMode(const float* power, int32_t count) {
             continue;
         }
         if (s.inDip != 0 && s.fastPower > exitRatio * s.slowPower) {
-            const int32_t vote = ClassifyDipInterval(s.samplesSinceDip, s.dipSamples);
+            const int64_t now = s.samplesSeen + n;
+            int32_t vote = ClassifyDipInterval(s.samplesSinceDip, s.dipSamples);
+            if (vote < 0) vote = VoteAgainstEarlierDips(s, now);
+            RememberDipEnd(s, now);
             s.inDip = 0;
             s.samplesSinceDip = 1;
             s.dipSamples = 1;
@@ -155,6 +235,7 @@ int32_t DetectTransmissionMode(const float* power, int32_t count) {
         s.samplesSinceDip += 1;
         s.dipSamples += 1;
     }
+    s.samplesSeen += count;
     return DecideTransmissionMode(s.modeVotes);
 }
 
@@ -198,8 +279,11 @@ int32_t CoarseFrameSearch() {
     if (envelope == nullptr || workBlocks.newestSlot == nullptr) return 0;
     ComputePowerEnvelope(workBlocks.newestSlot, kIqFrameSamples, envelope);
 
-    const int32_t decision = DetectTransmissionMode(envelope, kIqFrameSamples);
+    int32_t decision = DetectTransmissionMode(envelope, kIqFrameSamples);
     if (decision == 0) return 0;
+    // Mode II or III, however the votes put it: the null's width decides.
+    if (decision == 2 || decision == 3 || decision == kModeIIorIII)
+        decision = ModeFromNullWidth(envelope, kIqFrameSamples);
     mode.transmissionMode = decision - 1;
     ApplyTransmissionMode();
 

@@ -8,6 +8,9 @@
 namespace mvdab {
 
 // Search state, carried across IqFrames until the next ResetAcquisition.
+// Ends of the newest dips kept for the interval votes under fading.
+constexpr int32_t kDipMemory = 32;
+
 struct CoarseSearch {
     float fastPower;          // fast exponential average of the sample power, squared units
     float slowPower;          // slow exponential average of the sample power, squared units
@@ -15,6 +18,9 @@ struct CoarseSearch {
     int32_t samplesSinceDip;  // samples since the end of the previous dip
     int32_t dipSamples;       // samples of the open dip
     int32_t modeVotes[4];     // dip intervals credited to modes I..IV
+    int64_t samplesSeen;      // power values run through the dip detector since the reset
+    int64_t dipEnds[kDipMemory];  // samplesSeen index of the end of each kept dip, a ring
+    int32_t dipMemoryCount;   // dips kept; the newest in slot (dipMemoryCount - 1) % kDipMemory
     int32_t scanFill;         // samples in PowerEnvelope beyond its first nullLength entries
     int32_t scanNeed;         // samples still missing for the next scan: framePeriod - scanFill
 };
@@ -43,15 +49,25 @@ void ResetCoarseSearch();
 void ComputePowerEnvelope(const uint8_t* bytes, int32_t count, float* power);
 
 // Runs the dip detector over `count` power values and counts votes. 0 while
-// no mode leads, else 1..4 for modes I..IV.
+// no mode leads, else 1..4 for modes I..IV or kModeIIorIII.
 int32_t DetectTransmissionMode(const float* power, int32_t count);
 
 // Vote of one dip interval: P samples from the end of the previous dip to
 // the end of this one, D samples of this dip. 0..3 for modes I..IV, -1 none.
 int32_t ClassifyDipInterval(int32_t interval, int32_t dipLength);
 
-// Decision from votes c[0..3] for modes I..IV: 1..4, or 0 without a lead.
+// Decision from votes c[0..3] for modes I..IV: 1..4, kModeIIorIII when the
+// votes of modes II and III together lead but neither alone, or 0 without a
+// lead.
+constexpr int32_t kModeIIorIII = 5;
 int32_t DecideTransmissionMode(const int32_t votes[4]);
+
+// Tells mode II (2) from mode III (3) by the width of the null: of `count`
+// power values (at least two periods of 49152) from a signal of either mode.
+int32_t ModeFromNullWidth(const float* power, int32_t count);
+// The measure behind it: least mean of 664 values minus least mean of 345,
+// over the mean power, on the first two periods folded; 0 for too few values.
+double NullWidthRise(const float* power, int32_t count);
 
 // Fills mode.parameters from mode.transmissionMode and writes SymbolMask to
 // its FIC-only form.

@@ -24,10 +24,6 @@ constexpr int32_t kMaxFftSize = 2048;
 constexpr double kPi = kTwoPi / 2.0;
 constexpr int32_t kMaxSymbolLength = 2552;
 
-// Second stage by mode: first shift below the first stage's best, and the
-// bound the shifts stay below; mode III has none.
-constexpr int32_t kSecondStageFirstStep[4] = {192, 64, 0, 64};
-constexpr int32_t kSecondStageLimit[4] = {200, 50, 0, 100};
 
 // Filter input of one symbol: 15 older samples, then the symbol.
 float filterInputI[kEntryFilterTaps + kMaxSymbolLength];
@@ -104,17 +100,27 @@ void ResetFrameEntry() {
     }
     frameEntry.fractionalError = 0.0f;
     frameEntry.integerShift = 0;
+    frameEntry.entered = 0;
+    frameEntry.ficConfirmed = 0;
 }
 
-int32_t SecondStageShifts(int32_t transmissionMode, int32_t firstStageBest, int32_t* shifts, int32_t capacity) {
-    if (transmissionMode < 0 || transmissionMode > 3 || kSecondStageLimit[transmissionMode] == 0) return 0;
-    int32_t count = 0;
-    // The start and the step stay fixed whatever the shifts on the way yield.
-    const int32_t start = firstStageBest - kSecondStageFirstStep[transmissionMode];
-    for (int32_t s = start; s < kSecondStageLimit[transmissionMode] && count < capacity; s += kSecondStageStep) {
-        shifts[count++] = s;
+void NoteFicResult(int32_t syncState) {
+    if (syncState >= 4) frameEntry.ficConfirmed = 1;
+}
+
+void NoteRestart() {
+    if (frameEntry.entered == 0) return;
+    if (frameEntry.ficConfirmed == 0) {
+        frameEntry.rejectedShift = frameEntry.integerShift;
+        frameEntry.rejectedShiftValid = 1;
+    } else {
+        frameEntry.rejectedShiftValid = 0;
     }
-    return count;
+}
+
+void ForgetRejectedShift() {
+    frameEntry.rejectedShift = 0;
+    frameEntry.rejectedShiftValid = 0;
 }
 
 double IntegerShiftMetric(const float* bins, const float* reference, int32_t fftSize, int32_t carrierCount,
@@ -137,26 +143,38 @@ double IntegerShiftMetric(const float* bins, const float* reference, int32_t fft
     return dr * dr + di * di;
 }
 
-int32_t SearchIntegerShift(const float* bins, const float* reference, int32_t transmissionMode) {
+int32_t LargestShift(int32_t transmissionMode) {
+    if (transmissionMode < 0 || transmissionMode > 3) return 0;
+    return kCaptureRangeHz / (kSampleRateHz / kModeTable[transmissionMode].fftSize);
+}
+
+int32_t SearchIntegerShift(const float* bins, const float* reference, int32_t transmissionMode,
+                           int32_t excludedShift) {
     if (bins == nullptr || reference == nullptr || transmissionMode < 0 || transmissionMode > 3) return 0;
     const int32_t n = kModeTable[transmissionMode].fftSize;
     const int32_t k = kModeTable[transmissionMode].carrierCount;
+    // Every shift that leaves the whole ensemble inside the sampled band, in
+    // rising order; the earliest of equal metrics stands. A search limited to
+    // -32..31 and to multiples of 64 around that stage's best reaches only
+    // part of this range (mode I: -224..199 bins) and takes a wrong shift
+    // just beyond it; the full search costs about 2 ms once per lock.
+    // At the ends of the range the low-pass of the entry filter (flat to
+    // about +-500 kHz, -9 dB at 700, -23 dB at 768) weakens the outer
+    // quarter of the carriers in this spectrum. A tuner's own channel filter,
+    // centred on its tuning and barely wider than the ensemble, cuts those
+    // carriers at such an offset too. The receiver keeps its filter: the
+    // carriers that pass decide the shift as surely (every shift to +-256 kHz
+    // locks at 15 dB with every FIB good), and demodulation after entry runs
+    // on unfiltered samples, so nothing is lost once locked.
+    const int32_t largest = LargestShift(transmissionMode);
     double bestMetric = 0.0;
     int32_t bestShift = 0;
-    for (int32_t s = kFirstStageLowest; s <= kFirstStageHighest; ++s) {
+    for (int32_t s = -largest; s <= largest; ++s) {
+        if (s == excludedShift) continue;
         const double metric = IntegerShiftMetric(bins, reference, n, k, s);
         if (metric > bestMetric) {
             bestMetric = metric;
             bestShift = s;
-        }
-    }
-    int32_t shifts[kMaxSecondStageShifts];
-    const int32_t count = SecondStageShifts(transmissionMode, bestShift, shifts, kMaxSecondStageShifts);
-    for (int32_t i = 0; i < count; ++i) {
-        const double metric = IntegerShiftMetric(bins, reference, n, k, shifts[i]);
-        if (metric > bestMetric) {
-            bestMetric = metric;
-            bestShift = shifts[i];
         }
     }
     return bestShift;
@@ -205,8 +223,13 @@ int32_t EnterFirstFrame() {
     frameEntry.integerShift = 0;
     if (dftPlan.committed != 1 || dftPlan.length != fftSize) return 1;
     (void)ForwardDft(&dftPlan, useful);
-    const int32_t shift = SearchIntegerShift(useful, modeBuffers.referenceSymbol, m);
+    // A shift that the FIC has just proved wrong at this tuning is not taken
+    // again; the next best one is.
+    const int32_t excluded = frameEntry.rejectedShiftValid != 0 ? frameEntry.rejectedShift : kNoShiftExcluded;
+    const int32_t shift = SearchIntegerShift(useful, modeBuffers.referenceSymbol, m, excluded);
     frameEntry.integerShift = shift;
+    frameEntry.entered = 1;
+    frameEntry.ficConfirmed = 0;
     fc.samplePhaseIncrement += shift * kTwoPi / fftSize;
     return 1;
 }

@@ -10,19 +10,23 @@
 namespace mvdab {
 
 constexpr int32_t kEntryFilterTaps = 15;
-// Shifts of the first stage of the integer search, in DFT bins.
-constexpr int32_t kFirstStageLowest = -32;
-constexpr int32_t kFirstStageHighest = 31;
-// Step of the second stage, in DFT bins.
-constexpr int32_t kSecondStageStep = 64;
-// Most shifts the second stage of any mode can try.
-constexpr int32_t kMaxSecondStageShifts = 8;
+// Largest frequency error the integer search corrects, in Hz: beyond it the
+// 1.536 MHz ensemble no longer fits into the 2.048 MHz sampled, and its edge
+// folds over to the other side.
+constexpr int32_t kCaptureRangeHz = 256000;
+constexpr int32_t kSampleRateHz = 2048000;
+// Passed as the excluded shift when no shift is excluded.
+constexpr int32_t kNoShiftExcluded = 1 << 30;
 
 struct FrameEntry {
     float delayI[kEntryFilterTaps];  // filter delay line of I, newest input first (sample units)
     float delayQ[kEntryFilterTaps];  // filter delay line of Q, newest input first
     float fractionalError;           // filtered cyclic-prefix angle of the last entry, rad per useful part
     int32_t integerShift;            // best shift of the last entry, DFT bins
+    int32_t entered;                 // 1 once this acquisition has measured its frame
+    int32_t ficConfirmed;            // 1 once a frame after that entry reached syncState 4
+    int32_t rejectedShift;           // DFT bins: shift of an entry whose FIC never passed
+    int32_t rejectedShiftValid;      // 1 while rejectedShift stands; survives restarts, not re-tunes
 };
 extern FrameEntry frameEntry;
 
@@ -30,17 +34,24 @@ extern FrameEntry frameEntry;
 // frequency correction. The result is always 1 and is not looked at.
 int32_t EnterFirstFrame();
 // Clears the filter history of the entry estimate; part of ResetAcquisition.
+// The rejected shift stays.
 void ResetFrameEntry();
+
+// A wrong integer shift decodes nothing, yet the differential products look
+// clean, so the restart by FIC errors alone would enter the same shift again
+// and again. The frame step reports each FIC result (NoteFicResult) and each
+// restart (NoteRestart): a restart after an entry whose FIC never reached
+// syncState 4 rejects that entry's shift for the next entry, which takes the
+// best of the others; a restart after a good lock clears the rejection.
+// A re-tune clears it too (ForgetRejectedShift).
+void NoteFicResult(int32_t syncState);
+void NoteRestart();
+void ForgetRejectedShift();
 
 // One step of the fractional estimate: 0.75 of the running value `smoothed`
 // plus 0.25 of the cyclic-prefix angle of the next symbol (rad), the angle
 // taken on the branch (+-2 pi) nearest the running value.
 float SmoothPrefixAngle(float smoothed, double angle);
-
-// Shifts the second stage of the integer search tries, in order, after a
-// first-stage best of `firstStageBest`; writes at most `capacity` to
-// `shifts` and returns their number (0 in mode III).
-int32_t SecondStageShifts(int32_t transmissionMode, int32_t firstStageBest, int32_t* shifts, int32_t capacity);
 
 // Metric of shift s: with A[b] = X[b] conj(R[K/2 + s + b]), the squared
 // magnitude of the sum of A[b+1] conj(A[b]) over the N bins. `bins` holds N
@@ -48,8 +59,14 @@ int32_t SecondStageShifts(int32_t transmissionMode, int32_t firstStageBest, int3
 double IntegerShiftMetric(const float* bins, const float* reference, int32_t fftSize, int32_t carrierCount,
                           int32_t shift);
 
-// Both stages of the integer search on the spectrum `bins` of the phase
-// reference symbol; the best shift in bins.
-int32_t SearchIntegerShift(const float* bins, const float* reference, int32_t transmissionMode);
+// Largest shift of the integer search in the mode, DFT bins: the capture
+// range over the carrier spacing (I 256, II 64, III 32, IV 128).
+int32_t LargestShift(int32_t transmissionMode);
+
+// The integer search on the spectrum `bins` of the phase reference symbol:
+// the shift of greatest metric from -LargestShift to +LargestShift, leaving
+// out `excludedShift`; 0 when no metric exceeds 0.
+int32_t SearchIntegerShift(const float* bins, const float* reference, int32_t transmissionMode,
+                           int32_t excludedShift = kNoShiftExcluded);
 
 }  // namespace mvdab

@@ -6,6 +6,18 @@
 
 namespace mvdab {
 
+namespace {
+
+// One carrier's share of the frequency detector, held to +-kDetectorClip.
+// Written as max then min with the comparisons of the SSE instructions, so
+// that both paths agree bit for bit, NaN included (it becomes -clip).
+inline float ClipDetector(float e) {
+    const float raised = e > -kDetectorClip ? e : -kDetectorClip;
+    return raised < kDetectorClip ? raised : kDetectorClip;
+}
+
+}  // namespace
+
 void DifferentialProductsPlain(const float* current, const float* previous, float* out, int32_t count,
                                float scale) {
     for (int32_t i = 0; i < count; ++i) {
@@ -26,7 +38,7 @@ double FrequencyErrorPlain(const float* products, int32_t count) {
         const float y = products[2 * i + 1];
         const float fromY = x >= 0.0f ? y : 0.0f;
         const float fromX = y >= 0.0f ? x : 0.0f;
-        sums[i & 3] += static_cast<double>(fromY - fromX);
+        sums[i & 3] += static_cast<double>(ClipDetector(fromY - fromX));
     }
     return ((sums[0] + sums[1]) + (sums[2] + sums[3])) / count;
 }
@@ -52,6 +64,8 @@ void DifferentialProducts(const float* current, const float* previous, float* ou
 double FrequencyError(const float* products, int32_t count) {
     if (count <= 0) return 0.0;
     const __m128 zero = _mm_setzero_ps();
+    const __m128 lowest = _mm_set1_ps(-kDetectorClip);
+    const __m128 highest = _mm_set1_ps(kDetectorClip);
     __m128d sums01 = _mm_setzero_pd();
     __m128d sums23 = _mm_setzero_pd();
     int32_t i = 0;
@@ -62,7 +76,7 @@ double FrequencyError(const float* products, int32_t count) {
         const __m128 y = _mm_shuffle_ps(a, b, _MM_SHUFFLE(3, 1, 3, 1));
         const __m128 fromY = _mm_and_ps(_mm_cmpge_ps(x, zero), y);
         const __m128 fromX = _mm_and_ps(_mm_cmpge_ps(y, zero), x);
-        const __m128 e = _mm_sub_ps(fromY, fromX);
+        const __m128 e = _mm_min_ps(_mm_max_ps(_mm_sub_ps(fromY, fromX), lowest), highest);
         sums01 = _mm_add_pd(sums01, _mm_cvtps_pd(e));
         sums23 = _mm_add_pd(sums23, _mm_cvtps_pd(_mm_movehl_ps(e, e)));
     }
@@ -75,7 +89,7 @@ double FrequencyError(const float* products, int32_t count) {
         const float y = products[2 * i + 1];
         const float fromY = x >= 0.0f ? y : 0.0f;
         const float fromX = y >= 0.0f ? x : 0.0f;
-        sums[j] += static_cast<double>(fromY - fromX);
+        sums[j] += static_cast<double>(ClipDetector(fromY - fromX));
     }
     return ((sums[0] + sums[1]) + (sums[2] + sums[3])) / count;
 }

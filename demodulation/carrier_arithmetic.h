@@ -16,12 +16,20 @@ void DifferentialProducts(const float* current, const float* previous, float* ou
 void DifferentialProductsPlain(const float* current, const float* previous, float* out, int32_t count,
                                float scale);
 
+// Largest share of one carrier in the frequency detector. A clean carrier's
+// product has magnitude about 0.7071, so its share stays inside; a strong
+// narrow-band interferer puts products of hundreds on the few carriers it
+// covers, all turning by its own offset from the carrier grid, and without
+// the clip those few outweigh the whole ensemble and pull the loop off.
+constexpr float kDetectorClip = 1.0f;
+
 // Mean over `count` products (x, y) of the phase detector
 // e = (x >= 0 ? y : 0) - (y >= 0 ? x : 0): y - x in the first quadrant, -x in
 // the second, 0 in the third, y in the fourth; over the four QPSK points it
-// averages to 0.7071 * sin of their common phase turn. Carrier i is summed in
-// double in partial sum i mod 4; the sums are combined as (s0 + s1) + (s2 + s3).
-// 0.0 for a count of 0 or less.
+// averages to 0.7071 * sin of their common phase turn. Each carrier's e is
+// held to +-kDetectorClip. Carrier i is summed in double in partial sum
+// i mod 4; the sums are combined as (s0 + s1) + (s2 + s3). 0.0 for a count
+// of 0 or less.
 double FrequencyError(const float* products, int32_t count);
 double FrequencyErrorPlain(const float* products, int32_t count);
 

@@ -57,6 +57,8 @@ void ResetAcquisitionFields(bool keepResyncAndBase) {
     ResetFicDecoder();
 }
 
+void TrackFrames();
+
 // State 2: the measured frame moves towards the oldest slot.
 void WaitForFirstFrame() {
     FramePipeline& p = pipeline;
@@ -69,6 +71,15 @@ void WaitForFirstFrame() {
     p.acquisitionState = 3;
     const int32_t frameBytes = mode.parameters.frameBytes;
     if (frameBytes <= 0) return;
+    if (p.framePosition >= 0) {
+        // The measured frame lies whole in the history: demodulate it now
+        // instead of waiting a frame period for the next one (96 ms sooner
+        // to syncState 4 in mode I). Only a frame that starts below the
+        // history waits, as TrackFrames would refuse it.
+        p.framePositionExact = float(p.framePosition + kIqFrameBytes);
+        TrackFrames();
+        return;
+    }
     while (p.framePosition < kIqFrameBytes) p.framePosition += frameBytes;
     p.framePositionExact = float(p.framePosition);
 }
@@ -98,6 +109,7 @@ void TrackFrames() {
         p.frameSamples = p.framePosition;
         DemodulateFrame();
         DecodeFic();
+        NoteFicResult(receiverStatus.syncState);
         for (int32_t i = 0; i < p.selectedCount; ++i) DecodeSubChannel(p.selectedServices[i]);
         p.framePositionExact += float(frameBytes);
     }
@@ -164,6 +176,7 @@ int32_t RunFrameStep() {
             ReleaseAllServices();
             FlushWorker();
             pipeline.servicesDirty = 0;
+            ForgetRejectedShift();
             ResetAcquisition();
         } else if (mode.configuredMode != -1) {
             // A failed set-up has already dropped its record; the lock is
@@ -173,6 +186,7 @@ int32_t RunFrameStep() {
         GiveRequestMailbox();
     }
     if (pipeline.resyncRequest == 1) {
+        NoteRestart();
         FlushWorker();
         pipeline.servicesDirty = 1;
         ResetAcquisition();

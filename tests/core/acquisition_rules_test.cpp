@@ -32,12 +32,14 @@ TEST(DipVote, IntervalAndNullLengthBorders) {
 }
 
 // A lead of two votes over every other mode, of three between modes II and
-// III; the result is the mode number from 1, 0 for no decision.
+// III; the result is the mode number from 1, 0 for no decision. Where
+// modes II and III together lead by two but neither alone by three, the
+// result is the pair (5), for the null width to decide.
 TEST(ModeDecision, NeedsALeadOfTwoAndOfThreeBetweenModesIIAndIII) {
     const int32_t cases[][5] = {
-        {0, 0, 0, 0, 0}, {1, 0, 0, 0, 0}, {2, 0, 0, 0, 1}, {3, 1, 0, 0, 1}, {3, 2, 0, 0, 0}, {0, 2, 0, 0, 0},
-        {0, 3, 0, 0, 2}, {0, 3, 1, 0, 0}, {0, 4, 1, 0, 2}, {0, 1, 3, 0, 0}, {0, 0, 3, 0, 3}, {2, 0, 3, 0, 0},
-        {0, 0, 0, 2, 4}, {0, 0, 2, 3, 0}, {0, 0, 1, 3, 4}, {5, 5, 0, 0, 0},
+        {0, 0, 0, 0, 0}, {1, 0, 0, 0, 0}, {2, 0, 0, 0, 1}, {3, 1, 0, 0, 1}, {3, 2, 0, 0, 0}, {0, 2, 0, 0, 5},
+        {0, 3, 0, 0, 2}, {0, 3, 1, 0, 5}, {0, 4, 1, 0, 2}, {0, 1, 3, 0, 5}, {0, 0, 3, 0, 3}, {2, 0, 3, 0, 0},
+        {0, 0, 0, 2, 4}, {0, 0, 2, 3, 0}, {0, 0, 1, 3, 4}, {5, 5, 0, 0, 0}, {1, 1, 1, 0, 0}, {0, 1, 1, 0, 5},
     };
     for (const auto& c : cases)
         EXPECT_EQ(DecideTransmissionMode(c), c[4]) << c[0] << " " << c[1] << " " << c[2] << " " << c[3];
@@ -136,36 +138,29 @@ TEST_F(SearchState, FramePositionStandsBackoffAndOneSampleBeforeThePhaseReferenc
 // Half a carrier spacing off, noise puts the prefix angles on both sides of
 // pi: the smoothed angle must stay near pi, not cancel towards 0.
 TEST(FractionalEstimate, AnglesAcrossPlusMinusPiDoNotCancel) {
-    float e = 0.0f;
-    for (double a : {-3.0, 3.1, -3.05, 3.08, 3.0, -3.1, 3.12, -3.0, 3.05, -3.12, 3.1}) e = SmoothPrefixAngle(e, a);
+    const double angles[] = {-3.0, 3.1, -3.05, 3.08, 3.0, -3.1, 3.12, -3.0, 3.05, -3.12, 3.1};
+    float e = 0.0f, plain = 0.0f;
+    for (double a : angles) {
+        e = SmoothPrefixAngle(e, a);
+        plain = static_cast<float>(0.75 * plain + 0.25 * a);  // each angle as it comes
+    }
     EXPECT_GT(std::abs(e), 2.8f);
+    // Taken as they come, the angles cancel: the estimate is half a spacing off.
+    EXPECT_LT(std::abs(plain), 1.0f);
     // Angles closer than pi to the running value are taken as they come, the
     // others are brought within pi of it first.
     EXPECT_FLOAT_EQ(SmoothPrefixAngle(-1.0f, 2.0), static_cast<float>(0.75 * -1.0 + 0.25 * 2.0));
     EXPECT_FLOAT_EQ(SmoothPrefixAngle(-1.0f, 2.2), static_cast<float>(0.75 * -1.0 + 0.25 * (2.2 - kTwoPi)));
 }
 
-TEST(IntegerSearch, SecondStageOrderAndFixedStep) {
-    int32_t shifts[kMaxSecondStageShifts];
-    auto list = [&](int32_t m, int32_t best) {
-        return std::vector<int32_t>(shifts, shifts + SecondStageShifts(m, best, shifts, kMaxSecondStageShifts));
-    };
-    EXPECT_EQ(list(kModeI, -32), (std::vector<int32_t>{-224, -160, -96, -32, 32, 96, 160}));
-    EXPECT_EQ(list(kModeI, 31), (std::vector<int32_t>{-161, -97, -33, 31, 95, 159}));
-    EXPECT_EQ(list(kModeII, 31), (std::vector<int32_t>{-33, 31}));
-    EXPECT_EQ(list(kModeII, -32), (std::vector<int32_t>{-96, -32, 32}));
-    EXPECT_EQ(list(kModeIII, 0), (std::vector<int32_t>{}));
-    EXPECT_EQ(list(kModeIV, 31), (std::vector<int32_t>{-33, 31, 95}));
-    EXPECT_EQ(SecondStageShifts(kModeI, -32, shifts, 3), 3) << "never beyond the room given";
-}
-
 // The phase reference received `shift` bins too low (carrier k in bin
 // k - shift), with the linear phase of a window that starts some samples
-// early: every reachable shift is found, none just outside the range, and an
-// empty spectrum leaves the shift at 0.
-TEST(IntegerSearch, FindsEveryReachableShiftAndNoneJustOutside) {
-    const int32_t lowest[4] = {-224, -96, -32, -96};
-    const int32_t highest[4] = {199, 49, 31, 99};
+// early: every shift up to +-256 kHz is found (mode I lost everything beyond
+// -224..199 bins), none just outside the range, an excluded shift gives way to
+// the next best, and an empty spectrum leaves the shift at 0.
+TEST(IntegerSearch, FindsEveryShiftOfTheCaptureRangeAndNoneJustOutside) {
+    const int32_t highest[4] = {256, 64, 32, 128};
+    const int32_t lowest[4] = {-256, -64, -32, -128};
     const int32_t delay[4] = {241, 61, 31, 121};
     for (int m = 0; m < 4; ++m) {
         const int32_t n = kModeTable[m].fftSize;
@@ -173,7 +168,7 @@ TEST(IntegerSearch, FindsEveryReachableShiftAndNoneJustOutside) {
         const uint8_t* phases = kPhaseReferenceTable.data() + kModeCarrierOffset[m];
         std::vector<float> ref(2 * (n + k + 1));
         BuildReferenceSymbol(m, ref.data());
-        auto search = [&](int32_t shift) {
+        auto search = [&](int32_t shift, int32_t excluded = kNoShiftExcluded) {
             std::vector<float> x(2 * n, 0.0f);
             for (int32_t i = 0; i < k; ++i) {
                 const int32_t carrier = i < k / 2 ? i - k / 2 : i - k / 2 + 1;
@@ -182,12 +177,18 @@ TEST(IntegerSearch, FindsEveryReachableShiftAndNoneJustOutside) {
                 x[2 * bin] = static_cast<float>(100.0 * std::cos(angle));
                 x[2 * bin + 1] = static_cast<float>(100.0 * std::sin(angle));
             }
-            return SearchIntegerShift(x.data(), ref.data(), m);
+            return SearchIntegerShift(x.data(), ref.data(), m, excluded);
         };
         // Mode I: every seventh shift of the range, and its upper border.
         for (int32_t s = lowest[m]; s <= highest[m]; s += m == kModeI ? 7 : 1) ASSERT_EQ(search(s), s) << "mode " << m;
-        EXPECT_EQ(search(highest[m]), highest[m]) << "mode " << m;
+        for (int32_t s : {lowest[m], -33, 32, 200, highest[m]}) {
+            if (s >= lowest[m] && s <= highest[m]) {
+                EXPECT_EQ(search(s), s) << "mode " << m;
+            }
+        }
         for (int32_t s : {lowest[m] - 1, highest[m] + 1}) EXPECT_NE(search(s), s) << "mode " << m << " shift " << s;
+        EXPECT_EQ(search(5, 6), 5) << "mode " << m;
+        EXPECT_NE(search(5, 5), 5) << "mode " << m;
         const std::vector<float> zeros(2 * n, 0.0f);
         EXPECT_EQ(SearchIntegerShift(zeros.data(), ref.data(), m), 0) << "mode " << m;
     }

@@ -61,4 +61,20 @@ TEST(DemodCarrierArithmetic, PhaseDetectorFollowsTheSineOfACommonTurn) {
     }
 }
 
+// A CW as strong as the ensemble lands on a few carriers with products
+// hundreds of times a clean one's, all turning by the CW's own offset; the
+// detector must still follow the ensemble, which has not turned at all.
+TEST(DemodCarrierArithmetic, AStrongCarrierCannotOutweighTheEnsemble) {
+    constexpr int32_t kCount = 1536;
+    std::vector<float> products(2 * kCount);
+    for (int32_t i = 0; i < kCount; ++i) {
+        const double angle = M_PI / 4 + (i % 4) * M_PI / 2;
+        const double magnitude = i >= 700 && i < 720 ? 500.0 : 1.0;
+        products[2 * i] = static_cast<float>(magnitude * std::cos(angle + (magnitude > 1.0 ? 0.5 : 0.0)));
+        products[2 * i + 1] = static_cast<float>(magnitude * std::sin(angle + (magnitude > 1.0 ? 0.5 : 0.0)));
+    }
+    EXPECT_LT(std::abs(FrequencyError(products.data(), kCount)), 0.02);
+    EXPECT_LT(std::abs(FrequencyErrorPlain(products.data(), kCount)), 0.02);
+}
+
 }  // namespace

@@ -165,4 +165,14 @@ double SoftBitErrorRate(const float* frameCarriers, int carrierCount, const std:
     return static_cast<double>(errors) / static_cast<double>(perRow * symbols);
 }
 
+gen::ChannelParams RandomStartChannel(uint64_t seed, double snrDb, double offsetHz, double leadInSeconds) {
+    gen::ChannelParams c;
+    c.seed = seed;
+    c.snrDb = snrDb;
+    c.frequencyOffsetHz = offsetHz;
+    c.leadInSeconds = leadInSeconds;
+    c.randomStart = true;
+    return c;
+}
+
 }  // namespace mvdab::test

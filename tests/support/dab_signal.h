@@ -79,6 +79,10 @@ private:
     std::deque<double> keptStarts_;  // converter output sample of each kept frame's phase reference
 };
 
+// The channel of the acquisition tests: impairments seeded by `seed`, the
+// SNR, a carrier offset, a noise lead-in, and a random start.
+gen::ChannelParams RandomStartChannel(uint64_t seed, double snrDb, double offsetHz, double leadInSeconds = 0.0);
+
 // Fraction of soft values whose sign disagrees with the sent bit (positive
 // means 0), over `symbols` rows from `firstRow`, each row 2K floats; data
 // symbol d is row d. Values exactly 0 count as errors.
