@@ -61,8 +61,8 @@ constexpr int32_t kFramesPerStep[5] = {0, 1, 3, 3, 2};
 TEST(ApiMscModes, PlainSubChannelBytesAreTheBytesSentInEveryMode) {
     // Faster than real time, but paced, so that the receiver's hand-over
     // keeps up on a busy machine; sanitized builds play the signal slowed.
-    const double speed = kSanitized ? 0.5 : 3.0;
-    const double signalSeconds = LongTestsWanted() ? 60.0 : 3.0;
+    const double speed = kSanitized ? 0.75 : 3.0;
+    const double signalSeconds = LongTestsWanted() ? 60.0 : kSanitized ? 1.5 : 3.0;
     setenv("MVC900_SPEED", std::to_string(speed).c_str(), 1);
     unsetenv("MVC900_FAULT");
     unsetenv("MVC900_CLOCK_PPM");
