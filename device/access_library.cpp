@@ -1,6 +1,8 @@
 #include "device/access_library.h"
 
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 
 #include "platform/platform.h"
 
@@ -10,17 +12,23 @@ AccessLibrary accessLibrary;
 
 namespace {
 
-// Loads the library from the directory of our own library file, where an
-// installation puts its device library beside the receiver, else by name.
+// Loads the device library: the one named by MVDAB_DEVICE_LIBRARY when that
+// is set (a path, or a file name looked for like the default), else the
+// default name. A file name is looked for first in the directory of our own
+// library file, where an installation puts its device libraries beside the
+// receiver, then by the loader's ordinary search.
 void* LoadAccessModule() {
+    const char* chosen = std::getenv(kDeviceLibraryVariable);
+    const char* name = chosen != nullptr && chosen[0] != '\0' ? chosen : kAccessLibraryName;
+    if (std::strchr(name, '/') != nullptr) return platform::LoadLibrary(name);
     char directory[4096];
     if (platform::ModuleDirectory(reinterpret_cast<const void*>(&BindAccessLibrary), directory,
                                   sizeof directory) == 1) {
-        char path[4096 + 64];
-        std::snprintf(path, sizeof path, "%s/%s", directory, kAccessLibraryName);
+        char path[4096 + 256];
+        std::snprintf(path, sizeof path, "%s/%s", directory, name);
         if (void* module = platform::LoadLibrary(path)) return module;
     }
-    return platform::LoadLibrary(kAccessLibraryName);
+    return platform::LoadLibrary(name);
 }
 
 template <typename Entry>

@@ -14,6 +14,9 @@ namespace mvdab {
 
 // File name of the device library on this system.
 constexpr const char* kAccessLibraryName = "libMVC900ACCESS.so";
+// Environment variable that chooses another device library: a path, or a file
+// name looked for like the default one (e.g. "libMVC900ACCESS_soapy.so").
+constexpr const char* kDeviceLibraryVariable = "MVDAB_DEVICE_LIBRARY";
 
 struct AccessLibrary {
     void* module;  // loader handle; null while nothing is loaded
@@ -33,9 +36,10 @@ struct AccessLibrary {
 };
 extern AccessLibrary accessLibrary;
 
-// Clears the table, loads the library (first beside our own library file,
-// then by the loader's ordinary search) and looks up all 13 names. 1, or 0
-// when the library can't be loaded or a name is missing (nothing stays loaded).
+// Clears the table, loads the library (the chosen one or the default; a file
+// name first beside our own library file, then by the loader's ordinary
+// search) and looks up all 13 names. 1, or 0 when the library can't be loaded
+// or a name is missing (nothing stays loaded).
 int32_t BindAccessLibrary();
 // Frees the library and clears the table. Harmless when nothing is bound.
 void UnbindAccessLibrary();

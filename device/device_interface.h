@@ -1,11 +1,12 @@
 // The contract between the receiver and a device library.
 //
 // The receiver reaches the tuner stick only through a separate shared library,
-// loaded at run time by file name: "libMVC900ACCESS.so", looked for first in
-// the directory of the receiver's own library file, then by the ordinary
-// search path of the dynamic loader. Any library that exports these 13 C
-// functions with these signatures can stand in, e.g. one for real hardware;
-// the project's own is the emulated device in emulator/.
+// loaded at run time by file name: "libMVC900ACCESS.so", or the path or file
+// name in the environment variable MVDAB_DEVICE_LIBRARY. A file name is looked
+// for first in the directory of the receiver's own library file, then by the
+// ordinary search path of the dynamic loader. Any library that exports these
+// 13 C functions with these signatures can stand in: the project's own are
+// the emulated device in emulator/ and the SoapySDR one in soapydevice/.
 //
 // Results: 0 means failure, anything else success, unless noted.
 //

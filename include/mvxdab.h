@@ -37,15 +37,29 @@ extern "C" {
  *    384, 96, 128 or 192 bytes for modes I..IV. flags bits 0..2: mode + 1
  *    (1 = mode I); bit 15 down: one bit per FIB in order, 1 = CRC good.
  *  - MSC, plain sub-channel: the decoded bytes of one transmission frame;
- *    flags = sub-channel id. DAB+ sub-channel: the audio part of one corrected
- *    superframe; flags = sub-channel id, bit 7 set as documented there.
+ *    flags = sub-channel id. DAB+ sub-channel: the audio part (110 * s bytes,
+ *    s = bit rate / 8 kbit/s) of one Reed-Solomon corrected superframe, every
+ *    120 ms once the superframe boundary is found; flags = sub-channel id,
+ *    with bit 7 (0x80) set when the superframe's firecode failed after
+ *    correction. Superframes are not delivered while the boundary is being
+ *    searched, nor the fourth of four in a row with fewer than two correctable
+ *    RS columns (the search then starts again).
  * FIC and plain MSC callbacks run on the demodulation thread (58.75 ms of
  * budget per step for everything); DAB+ MSC callbacks on the worker thread.
  */
 typedef void (*MVDAB_DataCallBack)(uint8_t* bytes, int32_t length, int32_t flags);
-/* Packet callback: (packet with header and CRC, its size, address, sub-channel id). */
+/* Packet callback: (packet with header and CRC, its size, address, sub-channel id).
+ * One packet of a wanted address per call, 24, 48, 72 or 96 bytes, valid for
+ * the call only; after a damaged packet the bytes up to the next good one may
+ * come as one piece under that packet's address, CRC not passing.
+ * Stream data callback: (bytes, length, flags), one 188-byte MPEG-2 transport
+ * packet of a T-DMB stream per call, corrected by RS(204,188), in the order
+ * sent; flags = sub-channel id, with bit 7 (0x80) set when the word could not
+ * be corrected (the packet is then as received). Runs on the worker thread;
+ * `bytes` is valid for the call only.
+ * MVDAB_AddServiceCom does not accept packet-mode (type 1) or T-DMB (type 2)
+ * sub-channels in this version, so neither callback is called yet. */
 typedef void (*MVDAB_PacketCallBack)(uint8_t* packet, int32_t size, int32_t address, int32_t subChannelId);
-/* Stream data callback: installed and kept, never called by this version. */
 typedef void (*MVDAB_StreamDataCallBack)(uint8_t* bytes, int32_t length, int32_t flags);
 
 /* ---- Device control ---------------------------------------------------- */
@@ -109,7 +123,8 @@ MVDAB_API int32_t MVDAB_SetStreamDataCallBack(MVDAB_StreamDataCallBack callback)
  * One sub-channel at a time; a plain sub-channel's bytes arrive from the frame
  * after the one that completes 16 CIFs of time de-interleaving. */
 
-/* 1 accepted; 5 this sub-channel is already requested; 0 refused. */
+/* 1 accepted; 5 this sub-channel is already requested; 0 refused (also a
+ * DAB+ sub-channel above 192 kbit/s). */
 MVDAB_API int32_t MVDAB_AddServiceCom(int8_t type, int8_t subChannelId, int16_t startAddress,
                                       int8_t longForm, int8_t tableIndex, int8_t optionAndLevel,
                                       int16_t subChannelSize, int16_t packetAddress, int8_t fecScheme);

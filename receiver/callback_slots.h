@@ -13,6 +13,6 @@ extern std::atomic<MVDAB_DataCallBack> ficCallback;              // all FIBs of 
 extern std::atomic<MVDAB_DataCallBack> mwFicCallback;            // the same, right after the FIC slot
 extern std::atomic<MVDAB_DataCallBack> mscCallback;              // sub-channel bytes or DAB+ superframes
 extern std::atomic<MVDAB_PacketCallBack> packetCallback;         // packets of a packet-mode sub-channel
-extern std::atomic<MVDAB_StreamDataCallBack> streamDataCallback; // kept, never called
+extern std::atomic<MVDAB_StreamDataCallBack> streamDataCallback; // corrected transport packets of a T-DMB stream
 
 }  // namespace mvdab

@@ -189,6 +189,7 @@ void StopReceiver() {
     } else {
         ReleaseAllServices();
     }
+    FlushWorker();  // no superframes of the dropped services after the stop
     // The selection pointed at the records just freed.
     pipeline.selectedCount = 0;
     pipeline.acquisitionState = -2;

@@ -6,7 +6,9 @@
 
 #include "acquisition/mode_buffers.h"
 #include "channel/soft_bits.h"
+#include "delivery/packet_extraction.h"
 #include "delivery/reed_solomon.h"
+#include "delivery/stream_decoder.h"
 #include "delivery/worker.h"
 #include "demodulation/dft_service.h"
 #include "receiver/receiver_state.h"
@@ -93,6 +95,11 @@ int32_t InitReceiverState() {
     if (BuildGfTables() != 1) return 0;
     if (InitRs120() != 1) return 0;
     if (AllocateSuperframeBuffers() != 1) return 0;
+    // The T-DMB stream decoder and the packet decoders: ready from the first
+    // delivery on, whatever calls them.
+    if (InitRs204() != 1) return 0;
+    if (AllocateStreamBuffers() != 1) return 0;
+    if (AllocatePacketDecoders() != 1) return 0;
     return 1;
 }
 
@@ -111,6 +118,9 @@ void FreeReceiverState() {
     w.deinterleaveStore = nullptr;
     pipeline.acquisitionState = -2;
     mode.configuredMode = -1;
+    FreePacketDecoders();
+    FreeStreamBuffers();
+    FreeRs204();
     FreeRs120();
     FreeSuperframeBuffers();
     FreeGfTables();

@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 
+#include "delivery/worker.h"
 #include "receiver/receiver_state.h"
 #include "receiver/request_mailbox.h"
 #include "services/service_component.h"
@@ -34,6 +35,16 @@ void FillRecord(ServiceComponent* record, const ServiceRequest& q, int8_t type) 
         record->option = int8_t((q.optionAndLevel >> 2) & 1);
         record->protectionLevel = int8_t(q.optionAndLevel & 3);
     }
+}
+
+// A DAB+ sub-channel above 192 kbit/s (24 units of 8 kbit/s) fits neither a
+// slot of the worker's ring nor its superframe buffer, so it is refused here
+// rather than dropped frame by frame later.
+bool BeyondSuperframeSize(const ServiceRequest& q, int8_t type) {
+    if (type != kServiceDabPlus) return false;
+    ServiceComponent probe{};
+    FillRecord(&probe, q, type);
+    return SuperframeColumns(&probe) > kMaxColumns;
 }
 
 // Whether the host's parameters describe a sub-channel the receiver can
@@ -85,7 +96,7 @@ void CountDeletion(const ServiceComponent* record) {
 
 int32_t AddServiceRequest(const ServiceRequest& q) {
     // Bad parameters are refused before anything is looked at or changed.
-    if (!RequestUsable(q)) return kServiceRefused;
+    if (!RequestUsable(q) || BeyondSuperframeSize(q, q.type)) return kServiceRefused;
     if (TakeRequestMailbox() != 1) return kServiceRefused;
     ReceiverStatus& s = receiverStatus;
     int32_t result = kServiceRefused;
@@ -150,7 +161,7 @@ int32_t ChangeServiceOrganisation(const ServiceRequest& q, uint8_t changeCif) {
     int32_t result = kServiceRefused;
     ServiceComponent* record = nullptr;
     if (!TuningPending() && s.signalPresent == 1) record = Find(s.activeServices, q.subChannelId);
-    if (record != nullptr && record->reconfiguration == nullptr) {
+    if (record != nullptr && record->reconfiguration == nullptr && !BeyondSuperframeSize(q, record->type)) {
         ServiceComponent* replacement = NewRecord();
         auto* change = static_cast<Reconfiguration*>(std::calloc(1, sizeof(Reconfiguration)));
         if (replacement != nullptr && change != nullptr) {

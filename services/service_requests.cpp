@@ -5,6 +5,7 @@
 #include "acquisition/mode_buffers.h"
 #include "channel/subchannel_decoder.h"
 #include "channel/viterbi_decoder.h"
+#include "delivery/worker.h"
 #include "receiver/receiver_state.h"
 #include "services/protection_tables.h"
 #include "services/service_component.h"
@@ -105,6 +106,7 @@ int32_t ApplyServiceRequests() {
     }
     for (ServiceComponent* r = s.removedServices; r != nullptr;) {
         ServiceComponent* next = r->next;
+        if (r->type == kServiceDabPlus) FlushWorker();  // no superframes of a removed service after this
         FreeServiceComponent(r);
         pipeline.servicesDirty = 1;
         r = next;

@@ -23,6 +23,7 @@
 #include "generator/ensemble_description.h"
 #include "generator/multiplex.h"
 #include "mvxdab.h"
+#include "tests/support/api_session.h"
 #include "tests/support/generated_subchannels.h"
 
 namespace {
@@ -42,31 +43,17 @@ void OnMsc(uint8_t* bytes, int32_t length, int32_t flags) {
     deliveryFicFrame.push_back(ficFrames.load());
 }
 
-bool LongTestsWanted() {
-    const char* v = std::getenv("MVDAB_LONG_TESTS");
-    return v != nullptr && std::strcmp(v, "1") == 0;
-}
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kSanitized = true;
-#else
-constexpr bool kSanitized = false;
-#endif
-
-constexpr int32_t kCifsPerFrame[5] = {0, 4, 1, 1, 2};
-constexpr double kFrameSeconds[5] = {0, 0.096, 0.024, 0.024, 0.048};
-// Transmission frames that one IqFrame of 58.75 ms can hold, at most.
-constexpr int32_t kFramesPerStep[5] = {0, 1, 3, 3, 2};
+using mvdab::test::kCifsPerFrame;
+using mvdab::test::kFrameSeconds;
+using mvdab::test::kFramesPerStep;
+using mvdab::test::LongTestsWanted;
 
 TEST(ApiMscModes, PlainSubChannelBytesAreTheBytesSentInEveryMode) {
     // Faster than real time, but paced, so that the receiver's hand-over
     // keeps up on a busy machine; sanitized builds play the signal slowed.
-    const double speed = kSanitized ? 0.75 : 3.0;
-    const double signalSeconds = LongTestsWanted() ? 60.0 : kSanitized ? 1.5 : 3.0;
-    setenv("MVC900_SPEED", std::to_string(speed).c_str(), 1);
-    unsetenv("MVC900_FAULT");
-    unsetenv("MVC900_CLOCK_PPM");
-    unsetenv("MVC900_GENERATED");
+    const double speed = mvdab::test::kSanitized ? 0.75 : 3.0;
+    const double signalSeconds = LongTestsWanted() ? 60.0 : mvdab::test::kSanitized ? 1.5 : 3.0;
+    mvdab::test::SetDevicePace(speed);
     ASSERT_EQ(MVDAB_SetFICCallBack(OnFic), 1);
     ASSERT_EQ(MVDAB_SetMSCCallBack(OnMsc), 1);
     for (int32_t mode = 1; mode <= 4; ++mode) {
@@ -80,16 +67,10 @@ TEST(ApiMscModes, PlainSubChannelBytesAreTheBytesSentInEveryMode) {
         ASSERT_NE(multiplex, nullptr) << error;
         d = multiplex->Description();
 
-        const std::string source = "generated:preset=default,snr=20,mode=" + std::to_string(mode);
-        setenv("MVC900_SOURCE", source.c_str(), 1);
-        if (MVDAB_OpenDevice() != 1) GTEST_SKIP() << "emulated device or generator not available";
-        ASSERT_EQ(MVDAB_SetFreqAndBW(227360), 1);
-        int32_t present = 0;
-        for (int32_t i = 0; i < 500 && present != 1; ++i) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-            MVDAB_GetSignalPresent(&present);
-        }
-        ASSERT_EQ(present, 1);
+        const int32_t found =
+            mvdab::test::OpenOnSignal("generated:preset=default,snr=20,mode=" + std::to_string(mode));
+        if (found < 0) GTEST_SKIP() << "emulated device or generator not available";
+        ASSERT_EQ(found, 1);
 
         // Sub-channel 2: MP2, 128 kbit/s UEP level 3; sub-channel 1: EEP 3-A.
         for (int32_t id : {2, 1}) {

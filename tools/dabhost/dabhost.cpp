@@ -2,14 +2,19 @@
 // tunes a frequency, shows progress while the receiver searches and locks,
 // reads the FIC through the callback, and prints the ensemble once it is
 // complete (or what is known of it at the timeout). With --scan it does the
-// same over a list of frequencies and reports which hold an ensemble.
+// same over a list of frequencies and reports which hold an ensemble. With
+// --service it then requests the service's sub-channel, decodes its audio
+// into WAV and records the stream, and follows an announced reconfiguration
+// of the multiplex.
 //
 // Only the public header and the host's own FIC parser are used, as in any
 // host. Progress lines go to stderr, results to stdout.
 #include <atomic>
 #include <chrono>
 #include <csignal>
+#include <cmath>
 #include <cstdio>
+#include <limits>
 #include <string>
 #include <thread>
 #include <vector>
@@ -21,6 +26,8 @@
 #include "host_options.h"
 #include "host_report.h"
 #include "mvxdab.h"
+#include "service_output.h"
+#include "service_select.h"
 #include "tools/ficparse/fic_parser.h"
 
 namespace {
@@ -28,10 +35,12 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 FicQueue ficQueue;  // filled by the FIC callback on the receiver's thread
+MscQueue mscQueue;  // filled by the MSC callback on the demodulation or worker thread
 volatile std::sig_atomic_t interrupted = 0;
 
 // Runs on the demodulation thread: a copy under a short lock, nothing more.
 void OnFic(uint8_t* bytes, int32_t length, int32_t flags) { ficQueue.Push(bytes, length, flags); }
+void OnMsc(uint8_t* bytes, int32_t length, int32_t flags) { mscQueue.Push(bytes, length, flags); }
 
 void OnInterrupt(int) { interrupted = 1; }
 
@@ -131,8 +140,120 @@ bool WatchFrequency(int32_t frequencyKhz, const WaitRule& rule, const HostOption
     return true;
 }
 
-// One frequency: wait for the ensemble, print it, then keep showing status
-// for the requested duration.
+// Output files of a service; "-" is standard output.
+struct ServiceFiles {
+    std::FILE* wav = nullptr;
+    std::FILE* record = nullptr;
+    bool Open(const HostOptions& o) {
+        return OpenOne(o.wavPath, &wav) && OpenOne(o.recordPath, &record);
+    }
+    ~ServiceFiles() {
+        for (std::FILE* f : {wav, record})
+            if (f != nullptr && f != stdout) std::fclose(f);
+        std::fflush(stdout);
+    }
+
+private:
+    static bool OpenOne(const std::string& path, std::FILE** file) {
+        if (path.empty()) return true;
+        *file = path == "-" ? stdout : std::fopen(path.c_str(), "wb");
+        if (*file == nullptr) std::fprintf(stderr, "dabhost: cannot write %s\n", path.c_str());
+        return *file != nullptr;
+    }
+};
+
+bool EndsWith(const std::string& text, const char* tail) {
+    const std::string t(tail);
+    return text.size() >= t.size() && text.compare(text.size() - t.size(), t.size(), t) == 0;
+}
+
+// Passes an announced change of the selected sub-channel on to the receiver.
+// A refusal (the receiver was busy with a retune, say) is tried again at the
+// next poll and shown once.
+void PassOnChange(const ficparse::Ensemble& ensemble, ServiceKind kind, bool quiet,
+                  ReconfigurationFollower& follower, bool* refusalShown) {
+    ReconfigurationFollower::Change change;
+    if (!follower.Due(ensemble, &change)) return;
+    const ServiceRequest n = RequestFor(kind, change.next);
+    const int32_t changed = MVDAB_ChangeSCOrg(n.type, n.subChannelId, n.startAddress, n.longForm, n.tableIndex,
+                                              n.optionAndLevel, n.size, 0, 0, int8_t(change.cifCountHigh),
+                                              int8_t(change.cifCountLow));
+    if (changed == 1) follower.Passed(change);
+    if ((changed == 1 && !quiet) || (changed != 1 && !*refusalShown))
+        std::fprintf(stderr, "dabhost: sub-channel %d changes to %s, CU %d+%d at CIF count %d: %s\n", change.next.id,
+                     change.next.ProtectionText().c_str(), change.next.startAddress, change.next.size,
+                     change.cifCountHigh * 250 + change.cifCountLow,
+                     changed == 1 ? "passed on" : "refused, trying again");
+    *refusalShown = changed != 1;
+}
+
+// Requests the chosen service and receives it for the requested time: the
+// FIC stays parsed so that an announced reconfiguration is passed on.
+int ReceiveService(const HostOptions& options, const ServiceChoice& choice, ficparse::FicParser& parser,
+                   std::FILE* out) {
+    ServiceFiles files;
+    if (!files.Open(options)) return 1;
+    WavWriter wav(files.wav);
+    ServiceOutput output(choice.kind, files.record, EndsWith(options.recordPath, ".aac"), &wav);
+
+    const ServiceRequest r = RequestFor(choice.kind, choice.subChannel);
+    mscQueue.Expect(choice.subChannel.id);
+    MVDAB_SetMSCCallBack(OnMsc);
+    const int32_t added = MVDAB_AddServiceCom(r.type, r.subChannelId, r.startAddress, r.longForm, r.tableIndex,
+                                              r.optionAndLevel, r.size, 0, 0);
+    std::fprintf(out, "Service 0x%0*X \"%s\": %s in sub-channel %d (%s, %d kbit/s, CU %d+%d), request type %d: %s\n",
+                 choice.serviceId > 0xFFFF ? 8 : 4, choice.serviceId, choice.label.c_str(),
+                 ServiceKindText(choice.kind), choice.subChannel.id, choice.subChannel.ProtectionText().c_str(),
+                 choice.subChannel.bitRate, choice.subChannel.startAddress, choice.subChannel.size, r.type,
+                 added == 1 ? "accepted" : "refused");
+    std::fflush(out);
+    if (added != 1) return 2;
+
+    ReconfigurationFollower follower;
+    follower.Select(choice.subChannel);
+    bool refusalShown = false;
+    const double duration = options.durationGiven ? options.durationSeconds : std::numeric_limits<double>::infinity();
+    const Clock::time_point start = Clock::now();
+    double lastShown = 0.0;
+    auto drain = [&] {
+        for (const MscQueue::Delivery& d : mscQueue.Take())
+            output.Push(d.bytes.data(), int(d.bytes.size()), d.flags);
+    };
+    while (!interrupted && !output.counts().writeFailed) {
+        const double elapsed = Seconds(Clock::now() - start);
+        if (elapsed >= duration || (options.frames != 0 && output.counts().deliveries >= options.frames)) break;
+        ficQueue.Drain(parser);
+        PassOnChange(parser.ensemble(), choice.kind, options.quiet, follower, &refusalShown);
+        drain();
+        if (!options.quiet && elapsed - lastShown >= 1.0) {
+            std::string line = ServiceStatusLine(elapsed, choice.kind, output.counts(), mscQueue.counts().dropped);
+            if (choice.kind == ServiceKind::DabPlus && !output.AudioText().empty()) line += ", " + output.AudioText();
+            std::fprintf(stderr, "%s\n", line.c_str());
+            lastShown = elapsed;
+        }
+        Sleep(options.intervalSeconds);
+    }
+    MVDAB_DelServiceCom(r.type, r.subChannelId, 0);
+    drain();
+    wav.Close();
+    const ServiceCounts& c = output.counts();
+    const double selected = Seconds(Clock::now() - start);
+    std::fprintf(stderr, "%s\n", ServiceStatusLine(selected, choice.kind, c, mscQueue.counts().dropped).c_str());
+    if (files.wav != nullptr)
+        std::fprintf(stderr, "dabhost: WAV %s: %s\n", options.wavPath.c_str(),
+                     wav.figures().frames > 0 ? wav.figures().Text().c_str() : "no audio decoded");
+    if (follower.changesPassed() > 0)
+        std::fprintf(stderr, "dabhost: %d reconfiguration%s followed\n", follower.changesPassed(),
+                     follower.changesPassed() == 1 ? "" : "s");
+    if (c.writeFailed) {
+        std::fprintf(stderr, "dabhost: an output file refused a write\n");
+        return 1;
+    }
+    return c.deliveries > 0 ? 0 : 2;
+}
+
+// One frequency: wait for the ensemble, print it, then either keep showing
+// status for the requested duration or receive the requested service.
 int RunTuned(const HostOptions& options) {
     ficparse::FicParser parser;
     WaitRule rule;
@@ -140,9 +261,21 @@ int RunTuned(const HostOptions& options) {
     rule.settleSeconds = options.settleSeconds;
     TunedResult result;
     if (!WatchFrequency(options.frequencyKhz, rule, options, false, parser, &result)) return 1;
-    const std::string out = options.json ? TunedResultJson(result) + "\n" : TunedResultText(result);
-    std::fputs(out.c_str(), stdout);
-    std::fflush(stdout);
+    // Standard output may carry audio; then everything else goes to stderr.
+    std::FILE* out = options.wavPath == "-" || options.recordPath == "-" ? stderr : stdout;
+    const std::string text = options.json ? TunedResultJson(result) + "\n" : TunedResultText(result);
+    std::fputs(text.c_str(), out);
+    std::fflush(out);
+    if (!options.service.empty()) {
+        if (!HasEnsemble(result.outcome)) return 2;
+        ServiceChoice choice;
+        std::string why;
+        if (!ChooseService(parser.ensemble(), options.service, &choice, &why)) {
+            std::fprintf(stderr, "dabhost: %s\n", why.c_str());
+            return 2;
+        }
+        return ReceiveService(options, choice, parser, out);
+    }
 
     const Clock::time_point start = Clock::now();
     ProgressPrinter progress(options.quiet, true);
@@ -201,6 +334,9 @@ int main(int argc, char** argv) {
         return 0;
     }
     std::signal(SIGINT, OnInterrupt);
+    // A reader of standard output that goes away (a player that was closed)
+    // shows as a failed write, which ends the reception in order.
+    std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGTERM, OnInterrupt);
     MVDAB_SetFICCallBack(OnFic);
 

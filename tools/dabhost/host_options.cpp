@@ -53,19 +53,31 @@ bool ParseFrequencyList(const char* text, std::vector<int32_t>* out) {
 
 const char* HostUsage() {
     return "usage: dabhost [-f kHz|block] [-t s] [-d s] [--json] [-q]\n"
+           "       dabhost [-f kHz|block] --service LABEL|SID [--wav FILE|-] [--record FILE]\n"
+           "               [-d s] [--frames N]\n"
            "       dabhost --scan [--freqs a,b,c] [-t s] [--json] [-q]\n"
            "  -f, --frequency F   frequency in kHz or block name (default 227360, block 12C)\n"
            "  -t, --timeout s     longest wait for the ensemble (default 20; scan: 8 per frequency)\n"
-           "  -d, --duration s    keep showing status this long after the ensemble (default 0)\n"
+           "  -d, --duration s    keep showing status this long after the ensemble (default 0);\n"
+           "                      with --service: receive this long (default: until interrupted)\n"
+           "      --service S     receive the service with label or id S (hex, e.g. 0xE202)\n"
+           "      --wav FILE      decoded audio (MP2 or DAB+) as 16-bit WAV; - for stdout,\n"
+           "                      e.g. dabhost --service \"MVX Classic\" --wav - | aplay\n"
+           "      --frames N      with --service: stop after N deliveries (frames, DAB+:\n"
+           "                      superframes), or at -d, whichever comes first\n"
+           "      --record FILE   the sub-channel as received: MP2 stream, raw data bytes,\n"
+           "                      or DAB+ access units as LOAS (ADTS if FILE ends in .aac); - stdout\n"
            "  -s, --settle s      how long a complete ensemble must stay unchanged (default 1)\n"
            "  -i, --interval s    status poll period (default 0.1)\n"
            "      --scan          look for ensembles on all Band III blocks, 5A to 13F\n"
            "      --freqs list    scan these frequencies (kHz or block names, comma-separated)\n"
            "      --json          print the result as JSON\n"
            "  -q, --quiet         no progress lines\n"
-           "Progress goes to stderr, the ensemble or scan result to stdout.\n"
-           "Exit status: 0 ensemble shown (scan: at least one found), 2 none found,\n"
-           "1 bad usage or no device.\n"
+           "Progress goes to stderr, the ensemble or scan result to stdout (to stderr\n"
+           "when audio or the recording goes to stdout).\n"
+           "Exit status: 0 ensemble shown (scan: at least one found; service: received),\n"
+           "2 none found (service: not in the ensemble, refused or nothing received),\n"
+           "1 bad usage, no device or an output file that cannot be written.\n"
            "The device library is loaded from beside libMVXDAB.so; the emulated\n"
            "device takes its configuration from MVC900_* environment variables.\n";
 }
@@ -96,6 +108,17 @@ bool ParseHostOptions(int argc, char** argv, HostOptions* o, std::string* error)
             o->scanTimeoutSeconds = o->timeoutSeconds;
         } else if (is("-d", "--duration")) {
             if (!seconds(&o->durationSeconds, 0.0, 1.0e7)) return fail();
+            o->durationGiven = true;
+        } else if (is(nullptr, "--frames")) {
+            double v = 0.0;
+            if (!hasValue || !ParseNumber(argv[i + 1], &v) || v < 1.0 || v > 1.0e12 || v != double(uint64_t(v)))
+                return fail();
+            o->frames = uint64_t(v);
+            ++i;
+        } else if (is(nullptr, "--service") || is(nullptr, "--wav") || is(nullptr, "--record")) {
+            if (!hasValue || argv[i + 1][0] == '\0') return fail();
+            std::string& target = a[2] == 's' ? o->service : a[2] == 'w' ? o->wavPath : o->recordPath;
+            target = argv[++i];
         } else if (is("-s", "--settle")) {
             if (!seconds(&o->settleSeconds, 0.0, 60.0)) return fail();
         } else if (is("-i", "--interval")) {
@@ -116,6 +139,18 @@ bool ParseHostOptions(int argc, char** argv, HostOptions* o, std::string* error)
             *error = std::string("unknown option ") + a;
             return false;
         }
+    }
+    if (o->service.empty() && (!o->wavPath.empty() || !o->recordPath.empty() || o->frames != 0)) {
+        *error = "--wav, --record and --frames need --service";
+        return false;
+    }
+    if (o->scan && !o->service.empty()) {
+        *error = "--service receives on one frequency, not in a scan";
+        return false;
+    }
+    if ((o->wavPath == "-") + (o->recordPath == "-") + o->json > 1) {
+        *error = "only one of --json, --wav - and --record - can have standard output";
+        return false;
     }
     if (o->scan && o->scanFrequenciesKhz.empty())
         for (const BandChannel& c : BandIIIChannels()) o->scanFrequenciesKhz.push_back(c.frequencyKhz);

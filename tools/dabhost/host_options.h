@@ -16,6 +16,11 @@ struct HostOptions {
     bool scan = false;               // scan `scanFrequenciesKhz` instead of tuning one frequency
     std::vector<int32_t> scanFrequenciesKhz;  // kHz; all Band III blocks unless --freqs
     bool quiet = false;              // no progress lines
+    std::string service;             // label or id of the service to receive; empty: none
+    std::string wavPath;             // decoded audio as WAV; "-" standard output; empty: none
+    std::string recordPath;          // the sub-channel as received (DAB+: LOAS, or ADTS for *.aac); empty: none
+    bool durationGiven = false;      // -d was given; a service is received until interrupted otherwise
+    uint64_t frames = 0;             // with --service: stop after this many deliveries (0: no limit)
     bool help = false;
 };
 

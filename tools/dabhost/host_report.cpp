@@ -158,3 +158,16 @@ std::string ScanJson(const std::vector<TunedResult>& results) {
     }
     return Format("{\"frequencies\": %zu, \"found\": %d, \"results\": [", results.size(), found) + items + "]}";
 }
+
+std::string ServiceStatusLine(double seconds, ServiceKind kind, const ServiceCounts& c, uint64_t dropped) {
+    auto n = [](uint64_t v) { return static_cast<unsigned long long>(v); };
+    std::string text = Format("[%6.1f s selected] %llu %s, %llu bytes", seconds, n(c.deliveries),
+                              kind == ServiceKind::DabPlus ? "superframes" : "frames", n(c.bytes));
+    if (kind == ServiceKind::Mp2) text += Format(", %llu audio frames", n(c.audioFrames));
+    if (kind == ServiceKind::DabPlus)
+        text += Format(" (%llu firecode failures, %llu unusable), %llu AUs decoded, %llu AU CRC failures",
+                       n(c.firecodeFailures), n(c.headersUnusable), n(c.audioFrames), n(c.auCrcFailures));
+    if (c.decodeFailures != 0) text += Format(", %llu rejected by the decoder", n(c.decodeFailures));
+    if (dropped != 0) text += Format(", %llu dropped", n(dropped));
+    return text;
+}

@@ -8,6 +8,7 @@
 
 #include "ensemble_wait.h"
 #include "fic_queue.h"
+#include "service_output.h"
 #include "tools/ficparse/ensemble.h"
 
 // The signal quality answer with the SNR range it stands for.
@@ -52,3 +53,8 @@ std::string TunedResultJson(const TunedResult& result);
 std::string ScanProgressLine(const TunedResult& result);
 std::string ScanTableText(const std::vector<TunedResult>& results);
 std::string ScanJson(const std::vector<TunedResult>& results);
+
+// Progress of a selected service since its selection: deliveries and bytes,
+// decoded audio frames, and for DAB+ the superframe and AU figures.
+std::string ServiceStatusLine(double secondsSinceSelection, ServiceKind kind, const ServiceCounts& counts,
+                              uint64_t dropped);

@@ -84,9 +84,14 @@ struct Ensemble {
     int cifCountHigh = 0;          // latest CIF count, high part 0..19
     int cifCountLow = 0;           // latest CIF count, low part 0..249
     int occurrenceChange = -1;     // CIF count low part of an announced change; -1 none
+    bool SubChannelChangeAnnounced() const { return (changeFlags & 1) != 0 && occurrenceChange >= 0; }
     Label label;                   // FIG 1/0
     std::map<uint32_t, Service> services;   // by SId
     std::map<int, SubChannel> subChannels;  // by SubChId
+    // Sub-channels of the next configuration (FIG 0/1 with C/N = 1), sent
+    // while a change is announced; emptied when FIG 0/0 no longer announces
+    // one.
+    std::map<int, SubChannel> nextSubChannels;
 
     // Things still missing for a full picture, e.g. "ensemble label",
     // "label of service 0xC221", "sub-channel 3 of service 0xC221". Empty when

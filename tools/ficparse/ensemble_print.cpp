@@ -109,6 +109,29 @@ std::string ComponentJson(const Component& c) {
     return json;
 }
 
+std::string SubChannelText(const SubChannel& s) {
+    return Format("  %2d: start %3d, size %3d CU, %s, ", s.id, s.startAddress, s.size, s.ProtectionText().c_str()) +
+           (s.bitRate > 0 ? Format("%d kbit/s\n", s.bitRate) : std::string("bit rate unknown\n"));
+}
+
+std::string SubChannelsJson(const std::map<int, SubChannel>& subChannels) {
+    std::string json = "[";
+    for (const auto& [id, s] : subChannels) {
+        json += json.size() > 1 ? ", " : "";
+        json += "{\"id\": " + std::to_string(s.id) + ", \"start\": " + std::to_string(s.startAddress);
+        json += ", \"size\": " + JsonInt(s.size, s.size > 0);
+        json += ", \"form\": " + std::string(s.longForm ? "\"long\"" : "\"short\"");
+        if (s.longForm)
+            json += ", \"option\": " + std::to_string(s.option);
+        else
+            json += ", \"tableIndex\": " + std::to_string(s.tableIndex);
+        json += ", \"protectionLevel\": " + JsonInt(s.protectionLevel, s.protectionLevel > 0);
+        json += ", \"protection\": " + JsonString(s.ProtectionText());
+        json += ", \"bitRate\": " + JsonInt(s.bitRate, s.bitRate > 0) + "}";
+    }
+    return json + "]";
+}
+
 }  // namespace
 
 std::string EnsembleText(const Ensemble& e, const FicStatistics* statistics) {
@@ -130,10 +153,10 @@ std::string EnsembleText(const Ensemble& e, const FicStatistics* statistics) {
         for (const Component& c : s.components) text += "    " + ComponentText(c) + "\n";
     }
     text += Format("Sub-channels: %zu\n", e.subChannels.size());
-    for (const auto& [id, s] : e.subChannels) {
-        text += Format("  %2d: start %3d, size %3d CU, %s, ", s.id, s.startAddress, s.size,
-                       s.ProtectionText().c_str());
-        text += s.bitRate > 0 ? Format("%d kbit/s\n", s.bitRate) : std::string("bit rate unknown\n");
+    for (const auto& [id, s] : e.subChannels) text += SubChannelText(s);
+    if (!e.nextSubChannels.empty()) {
+        text += Format("Next configuration, from CIF %d: %zu\n", e.occurrenceChange, e.nextSubChannels.size());
+        for (const auto& [id, s] : e.nextSubChannels) text += SubChannelText(s);
     }
     const std::vector<std::string> missing = e.Missing();
     if (missing.empty()) {
@@ -177,23 +200,8 @@ std::string EnsembleJson(const Ensemble& e, const FicStatistics* statistics) {
     }
     json += "]";
 
-    json += ", \"subChannels\": [";
-    first = true;
-    for (const auto& [id, s] : e.subChannels) {
-        json += first ? "" : ", ";
-        first = false;
-        json += "{\"id\": " + std::to_string(s.id) + ", \"start\": " + std::to_string(s.startAddress);
-        json += ", \"size\": " + JsonInt(s.size, s.size > 0);
-        json += ", \"form\": " + std::string(s.longForm ? "\"long\"" : "\"short\"");
-        if (s.longForm)
-            json += ", \"option\": " + std::to_string(s.option);
-        else
-            json += ", \"tableIndex\": " + std::to_string(s.tableIndex);
-        json += ", \"protectionLevel\": " + JsonInt(s.protectionLevel, s.protectionLevel > 0);
-        json += ", \"protection\": " + JsonString(s.ProtectionText());
-        json += ", \"bitRate\": " + JsonInt(s.bitRate, s.bitRate > 0) + "}";
-    }
-    json += "]";
+    json += ", \"subChannels\": " + SubChannelsJson(e.subChannels);
+    json += ", \"nextSubChannels\": " + SubChannelsJson(e.nextSubChannels);
 
     const std::vector<std::string> missing = e.Missing();
     json += ", \"complete\": " + JsonBool(missing.empty()) + ", \"missing\": [";

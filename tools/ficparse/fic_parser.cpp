@@ -95,7 +95,7 @@ void FicParser::ParseFig0(const uint8_t* data, int length) {
         ParseEnsembleInformation(body, bodyLength);
         break;
     case 1:
-        if (!nextConfiguration) ParseSubChannels(body, bodyLength);
+        ParseSubChannels(body, bodyLength, nextConfiguration ? ensemble_.nextSubChannels : ensemble_.subChannels);
         break;
     case 2:
         if (!nextConfiguration) ParseServices(body, bodyLength, longIds);
@@ -121,6 +121,7 @@ void FicParser::ParseEnsembleInformation(const uint8_t* d, int length) {
     e.cifCountHigh = d[2] & 0x1F;
     e.cifCountLow = d[3];
     e.occurrenceChange = -1;
+    if (e.changeFlags == 0) e.nextSubChannels.clear();
     if (e.changeFlags != 0) {
         if (length >= 5)
             e.occurrenceChange = d[4];
@@ -129,7 +130,7 @@ void FicParser::ParseEnsembleInformation(const uint8_t* d, int length) {
     }
 }
 
-void FicParser::ParseSubChannels(const uint8_t* d, int length) {
+void FicParser::ParseSubChannels(const uint8_t* d, int length, std::map<int, SubChannel>& into) {
     int i = 0;
     while (i + 3 <= length) {
         SubChannel s;
@@ -154,7 +155,7 @@ void FicParser::ParseSubChannels(const uint8_t* d, int length) {
             s.bitRate = EepBitRate(s.option, s.protectionLevel, s.size);
             i += 4;
         }
-        ensemble_.subChannels[s.id] = s;
+        into[s.id] = s;
     }
     if (i != length) ++statistics_.figsMalformed;
 }

@@ -21,8 +21,10 @@
 // What is decoded: FIG 0/0 (ensemble information), 0/1 (sub-channels, short
 // and long form), 0/2 (services and their components), 0/3 (packet-mode
 // components), 1/0 (ensemble label), 1/1 and 1/5 (service labels). Other FIGs
-// are counted and skipped. FIGs about other ensembles (OE = 1) and about the
-// next configuration (C/N = 1 in 0/1, 0/2, 0/3) do not enter the model. FIBs
+// are counted and skipped. FIGs about other ensembles (OE = 1) do not enter
+// the model. Of the next configuration (C/N = 1) the sub-channels of FIG 0/1
+// are kept apart (Ensemble::nextSubChannels), for a host that follows an
+// announced change; next-configuration FIG 0/2 and 0/3 are skipped. FIBs
 // with a failed CRC are counted and ignored. Malformed FIGs (a length that
 // runs past the FIB, truncated entries) end the walk of that FIB; whatever
 // complete entries came before them stays. No input can make the parser read
@@ -69,7 +71,7 @@ private:
     void ParseFig0(const uint8_t* data, int length);
     void ParseFig1(const uint8_t* data, int length);
     void ParseEnsembleInformation(const uint8_t* data, int length);
-    void ParseSubChannels(const uint8_t* data, int length);
+    void ParseSubChannels(const uint8_t* data, int length, std::map<int, SubChannel>& into);
     void ParseServices(const uint8_t* data, int length, bool longIds);
     void ParsePacketComponents(const uint8_t* data, int length);
     void ApplyPacketInfo(Component& component) const;

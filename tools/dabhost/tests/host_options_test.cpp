@@ -54,6 +54,27 @@ TEST(HostOptions, ScanListsAndTimeouts) {
     EXPECT_DOUBLE_EQ(p.timeoutSeconds, 4.0);
 }
 
+TEST(HostOptions, ServiceOutputsAndWhoGetsStandardOutput) {
+    HostOptions o;
+    ASSERT_TRUE(Parse({"--service", "MVX Classic", "--wav", "-", "--record", "c.mp2"}, &o));
+    EXPECT_EQ(o.service, "MVX Classic");
+    EXPECT_EQ(o.wavPath, "-");
+    EXPECT_EQ(o.recordPath, "c.mp2");
+    EXPECT_FALSE(o.durationGiven);  // a service is received until interrupted
+    ASSERT_TRUE(Parse({"--service", "0xE201", "-d", "5", "--frames", "120"}, &o));
+    EXPECT_TRUE(o.durationGiven);
+    EXPECT_EQ(o.frames, 120u);
+    for (auto args : {std::vector<const char*>{"--wav", "x.wav"}, {"--record", "x"}, {"--service"},
+                      {"--service", ""}, {"--scan", "--service", "A"}, {"--service", "A", "--wav", "-", "--json"},
+                      {"--service", "A", "--wav", "-", "--record", "-"}, {"--frames", "3"},
+                      {"--service", "A", "--frames", "0"}, {"--service", "A", "--frames", "2.5"}}) {
+        std::string error;
+        HostOptions fresh;
+        EXPECT_FALSE(Parse(args, &fresh, &error)) << args[0] << " " << args.size();
+        EXPECT_FALSE(error.empty());
+    }
+}
+
 TEST(BandChannels, RasterIsOrderedAndNamesRoundTrip) {
     const auto& channels = BandIIIChannels();
     for (size_t i = 0; i < channels.size(); ++i) {

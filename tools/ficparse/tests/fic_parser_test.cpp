@@ -9,6 +9,7 @@
 #include "tools/ficparse/tests/fig_writer.h"
 
 using namespace figwriter;
+using ficparse::Ensemble;
 using ficparse::FicParser;
 using ficparse::Transport;
 
@@ -187,12 +188,14 @@ TEST(FicParser, MalformedAndUnknownFigs) {
 }
 
 TEST(FicParser, WhatEntersTheModel) {
-    // Next configuration, other ensembles and orphan labels stay out.
+    // Next configuration, other ensembles and orphan labels stay out; the
+    // next configuration's sub-channels are kept apart.
     const FicParser out = Parsed({Fig01({{7, 0, false, 0, 0, 0, 0}}, 0x81), Fig01({{8, 0, false, 0, 0, 0, 0}}, 0x41),
                                   Fig02({{0xC100, 0, {{0, 0, 1, true, false}}}}, false, 0x80),
                                   Fig1(1, 0xC200, "Elsewhere", 0, 0, true), Fig1(1, 0xC300, "Orphan", 0)});
     EXPECT_TRUE(out.ensemble().subChannels.empty());
     EXPECT_TRUE(out.ensemble().services.empty());
+    EXPECT_EQ(out.ensemble().nextSubChannels.size(), 1u);
     // The latest entry wins; Reset forgets.
     FicParser parser = Parsed({Fig01({{4, 10, false, 5, 0, 0, 0}}),
                                Fig02({{0xC400, 0, {{0, 0, 4, true, false}, {1, 5, 4, false, false}}}}, false),
@@ -205,6 +208,28 @@ TEST(FicParser, WhatEntersTheModel) {
     parser.Reset();
     EXPECT_TRUE(parser.ensemble().services.empty());
     EXPECT_EQ(parser.statistics().fibsGood, 0u);
+}
+
+TEST(FicParser, AnnouncedChangeOfTheSubChannelOrganisation) {
+    // Announced: change flags 01 at occurrence 167, the sub-channel as it
+    // will be in a C/N = 1 FIG 0/1; the current one stays as it is.
+    FicParser parser = Parsed({Fig01({{0, 0, true, 0, 0, 3, 48}}), Fig00(0xE1A6, 1, false, 0, 217, 167),
+                               Fig01({{0, 400, true, 0, 0, 2, 64}}, 0x81)});
+    const Ensemble& e = parser.ensemble();
+    EXPECT_TRUE(e.SubChannelChangeAnnounced());
+    EXPECT_EQ(e.occurrenceChange, 167);
+    EXPECT_EQ(e.subChannels.at(0).startAddress, 0);
+    ASSERT_EQ(e.nextSubChannels.count(0), 1u);
+    EXPECT_EQ(e.nextSubChannels.at(0).startAddress, 400);
+    EXPECT_EQ(e.nextSubChannels.at(0).ProtectionText(), "EEP 2-A");
+    // A service-organisation change alone is no sub-channel change.
+    Push(parser, {Fig00(0xE1A6, 2, false, 0, 218, 167)});
+    EXPECT_FALSE(e.SubChannelChangeAnnounced());
+    // Once FIG 0/0 announces nothing the next configuration is forgotten.
+    Push(parser, {Fig00(0xE1A6, 0, false, 0, 168), Fig01({{0, 400, true, 0, 0, 2, 64}})});
+    EXPECT_FALSE(e.SubChannelChangeAnnounced());
+    EXPECT_TRUE(e.nextSubChannels.empty());
+    EXPECT_EQ(e.subChannels.at(0).startAddress, 400);
 }
 
 TEST(FicParser, MissingNamesWhatIsNotYetKnown) {

@@ -1,0 +1,372 @@
+// Packet-mode extraction against the transmitter's packet streams, with and
+// without FEC frames, fed in pieces of one transmission frame as the
+// sub-channel decoder delivers them; and the recovery rules on crafted
+// packets.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "delivery/gf_tables.h"
+#include "delivery/packet_extraction.h"
+#include "delivery/reed_solomon.h"
+#include "generator/payload_coding.h"
+#include "generator/payload_sources.h"
+#include "receiver/callback_slots.h"
+
+namespace mvdab {
+namespace {
+
+struct Delivered {
+    std::vector<uint8_t> bytes;
+    int32_t address;
+    int32_t subChannelId;
+};
+std::vector<Delivered> delivered;
+
+void Capture(uint8_t* packet, int32_t size, int32_t address, int32_t subChannelId) {
+    delivered.push_back({{packet, packet + size}, address, subChannelId});
+}
+
+constexpr uint16_t kWanted = 5;
+constexpr uint16_t kOther = 300;
+constexpr uint8_t kId = 7;
+constexpr int kFecFrameBytes = kFecDataBytes + kFecPacketsPerFrame * kFecPacketBytes;  // 2,472
+
+// The transmitter's packet sub-channel at 64 kbit/s: 96-byte packets of
+// address 5, 24-byte packets of address 300, padding.
+struct SentPackets {
+    std::vector<uint8_t> bytes;
+    std::vector<std::vector<uint8_t>> log;  // ordinary packets in stream order
+
+    SentPackets(bool fec, int logicalFrames, uint32_t seed = 5) {
+        gen::PacketStreamParams p;
+        p.components = {{kWanted, 96, true, 2}, {kOther, 24, true, 1}};
+        p.fec = fec;
+        p.seed = seed;
+        auto log = std::make_shared<std::vector<std::vector<uint8_t>>>();
+        p.packetLog = log;
+        gen::PayloadPtr source = gen::MakePacketPayload(64, p);
+        bytes.resize(size_t(logicalFrames) * 192);
+        for (size_t at = 0; at < bytes.size(); at += 192) source->NextLogicalFrame(&bytes[at], 192);
+        this->log = *log;
+    }
+    static int Address(const std::vector<uint8_t>& packet) { return (packet[0] & 3) << 8 | packet[1]; }
+    // The logged packets of `address` from logged packet `first` on.
+    std::vector<std::vector<uint8_t>> Of(int address, size_t first = 0) const {
+        std::vector<std::vector<uint8_t>> out;
+        for (size_t i = first; i < log.size(); ++i)
+            if (Address(log[i]) == address) out.push_back(log[i]);
+        return out;
+    }
+    // Index in the log of the first packet of FEC frame `frame`.
+    size_t FirstOfFrame(int frame) const {
+        size_t i = 0;
+        for (int at = 0; at < frame * kFecDataBytes; ++i) at += int(log[i].size());
+        return i;
+    }
+};
+
+struct PacketExtraction : ::testing::Test {
+    uint16_t wanted[2] = {kWanted, 1022};
+
+    void SetUp() override {
+        ASSERT_EQ(BuildGfTables(), 1);
+        ASSERT_EQ(InitRs204(), 1);
+        ASSERT_EQ(AllocatePacketDecoders(), 1);
+        delivered.clear();
+        packetCallback = Capture;
+    }
+    void TearDown() override {
+        FreePacketDecoders();
+        FreeRs204();
+        FreeGfTables();
+    }
+    // The bytes in pieces of `piece` bytes (the last one shorter).
+    void Feed(const std::vector<uint8_t>& bytes, int piece, uint8_t fec, int instance = 0) {
+        for (size_t at = 0; at < bytes.size(); at += piece) {
+            const int length = int(std::min<size_t>(piece, bytes.size() - at));
+            ASSERT_EQ(ExtractPackets(instance, &bytes[at], kId, length, wanted, 2, fec), 1);
+        }
+    }
+    // Delivered packets equal `expected` from its start, with at most `missing`
+    // left at the end (still held), and all under their own address.
+    static void ExpectPrefixOf(const std::vector<std::vector<uint8_t>>& expected, size_t missing) {
+        ASSERT_LE(delivered.size(), expected.size());
+        ASSERT_GE(delivered.size() + missing, expected.size());
+        for (size_t i = 0; i < delivered.size(); ++i) {
+            ASSERT_EQ(delivered[i].bytes, expected[i]) << "packet " << i;
+            ASSERT_EQ(delivered[i].address, kWanted);
+            ASSERT_EQ(delivered[i].subChannelId, kId);
+        }
+    }
+};
+
+// One transmission frame of 64 kbit/s in modes I, IV and II/III.
+constexpr int kPieces[] = {768, 384, 192, 1, 1000};
+
+// With FEC: the search finds the end of the first FEC frame on the FEC
+// packets 6, 7, 8; from the second frame on every packet of the wanted
+// address comes out exactly, in order, whatever the pieces, and the FEC
+// packets never do.
+TEST_F(PacketExtraction, FecStreamDeliversEveryWantedPacket) {
+    const SentPackets s(true, 400);
+    const int frames = int(s.bytes.size()) / kFecFrameBytes;
+    for (int piece : kPieces) {
+        SCOPED_TRACE("pieces of " + std::to_string(piece));
+        delivered.clear();
+        ResetPacketProbe(0);
+        ResetPacketDecoder(0);
+        RestartPacketSearch(0);
+        Feed(s.bytes, piece, 1);
+        const auto expected = s.Of(kWanted, s.FirstOfFrame(1));
+        const size_t lastFrame = s.Of(kWanted, s.FirstOfFrame(frames - 1)).size();
+        ExpectPrefixOf(expected, lastFrame + 24);
+        EXPECT_EQ(packetDecoders[0].state, 3);
+    }
+}
+
+// Without FEC, and an FEC stream read as one without: every wanted packet
+// from the first on; the FEC packets are stepped over, never delivered.
+TEST_F(PacketExtraction, StreamWithoutFecDeliversEveryWantedPacket) {
+    for (bool fec : {false, true}) {
+        const SentPackets s(fec, 200);
+        for (int piece : kPieces) {
+            SCOPED_TRACE(std::string(fec ? "FEC stream" : "plain stream") + ", pieces of " + std::to_string(piece));
+            delivered.clear();
+            ResetPacketProbe(0);
+            Feed(s.bytes, piece, 0);
+            // The transmitter logs whole FEC frames, the last one partly sent.
+            const int frames = int(s.bytes.size()) / kFecFrameBytes;
+            ExpectPrefixOf(s.Of(kWanted), 3 + (fec ? s.Of(kWanted, s.FirstOfFrame(frames)).size() : 0));
+            EXPECT_EQ(packetDecoders[0].state, 6);
+        }
+    }
+}
+
+// FEC expected but not sent: after 500 packets the decoder falls back to no
+// FEC at the next call, stays there, and delivers every wanted packet from
+// that call on; RestartPacketSearch brings the search back.
+TEST_F(PacketExtraction, FallsBackToNoFecAfter500Packets) {
+    const SentPackets s(false, 600);
+    Feed(s.bytes, 768, 1);
+    EXPECT_EQ(packetDecoders[0].noFec, 1);
+    EXPECT_EQ(packetDecoders[0].state, 6);
+    ASSERT_FALSE(delivered.empty());
+    // The delivered packets are the log's tail from some packet beyond the
+    // 500th on, without a gap.
+    const auto all = s.Of(kWanted);
+    size_t first = 0;
+    while (first < all.size() && all[first] != delivered[0].bytes) ++first;
+    size_t seen = 0;
+    for (size_t i = 0; i < 500; ++i) seen += SentPackets::Address(s.log[i]) == kWanted;
+    EXPECT_GE(first, seen);
+    const std::vector<std::vector<uint8_t>> tail(all.begin() + long(first), all.end());
+    ExpectPrefixOf(tail, 3);
+    RestartPacketSearch(0);
+    EXPECT_EQ(packetDecoders[0].state, 0);
+    EXPECT_EQ(packetDecoders[0].noFec, 0);
+}
+
+// Byte errors within the FEC's power, at most 8 per column of a table,
+// anywhere in its data and parity: every table is repaired and nothing is
+// lost.
+TEST_F(PacketExtraction, ByteErrorsWithinTheFecAreRepaired) {
+    SentPackets s(true, 400);
+    const int frames = int(s.bytes.size()) / kFecFrameBytes;
+    std::mt19937 rng(17);
+    for (int f = 2; f < frames; ++f) {
+        uint8_t* frame = &s.bytes[size_t(f) * kFecFrameBytes];
+        // The table as a column store: data byte 12j + c, parity byte 2,256 + 12j + c.
+        for (int c = 0; c < 12; ++c) {
+            for (int e = 0; e < 8; ++e) {
+                const int row = int(rng() % 204);
+                const int at = c + 12 * row;
+                uint8_t* byte = at < kFecDataBytes ? frame + at
+                                                   : frame + kFecDataBytes + 24 * ((at - kFecDataBytes) / 22) + 2 + (at - kFecDataBytes) % 22;
+                *byte ^= uint8_t(1 + rng() % 255);
+            }
+        }
+    }
+    Feed(s.bytes, 768, 1);
+    const auto expected = s.Of(kWanted, s.FirstOfFrame(1));
+    ExpectPrefixOf(expected, s.Of(kWanted, s.FirstOfFrame(frames - 1)).size() + 24);
+    EXPECT_GT(delivered.size(), 100u);
+}
+
+// How many FEC packets of a damaged table are in place decides whether the
+// decoder keeps the frame alignment: with 6 it fills the next table, with 5
+// it searches again. The table itself is delivered either way.
+TEST_F(PacketExtraction, FewFecPacketsInPlaceRestartTheSearch) {
+    for (int inPlace : {6, 5}) {
+        SCOPED_TRACE(std::to_string(inPlace) + " FEC packets in place");
+        SentPackets s(true, 60);
+        uint8_t* frame2 = &s.bytes[size_t(2) * kFecFrameBytes];
+        frame2[100] ^= 0x55;  // a damaged table
+        for (int k = inPlace; k < 9; ++k) frame2[kFecDataBytes + 24 * k + 1] ^= 0x10;  // not address 1022
+        ResetPacketProbe(0);
+        ResetPacketDecoder(0);
+        RestartPacketSearch(0);
+        delivered.clear();
+        const std::vector<uint8_t> upTo(s.bytes.begin(), s.bytes.begin() + 3 * kFecFrameBytes);
+        Feed(upTo, 768, 1);
+        EXPECT_EQ(packetDecoders[0].state, inPlace >= 6 ? 3 : 0);
+        // Tables 1 and 2 (the damaged one, repaired) come out whole.
+        auto expected = s.Of(kWanted, s.FirstOfFrame(1));
+        expected.resize(expected.size() - s.Of(kWanted, s.FirstOfFrame(3)).size());
+        ExpectPrefixOf(expected, 0);
+    }
+}
+
+// Builds a packet of `size` bytes with a good CRC.
+std::vector<uint8_t> MakePacket(int size, int address, int firstLast, int useful, uint8_t fill) {
+    std::vector<uint8_t> p(size, 0);
+    p[0] = uint8_t(((size / 24 - 1) << 6) | (firstLast << 2) | (address >> 8));
+    p[1] = uint8_t(address);
+    p[2] = uint8_t(useful);
+    for (int i = 3; i < 3 + useful; ++i) p[i] = fill;
+    const uint16_t crc = gen::CrcCcitt16(p.data(), size_t(size - 2));
+    p[size - 2] = uint8_t(crc >> 8);
+    p[size - 1] = uint8_t(crc);
+    return p;
+}
+
+// The recovery rule, without FEC: what comes out after a packet whose CRC
+// fails, by the packet lengths that follow.
+TEST_F(PacketExtraction, RecoveryAfterADamagedPacket) {
+    const auto good96 = MakePacket(96, 9, 3, 50, 0xAA);
+    auto damaged24 = MakePacket(24, 7, 3, 10, 0x11);
+    damaged24[5] ^= 1;
+    auto damagedFull48 = MakePacket(48, 9, 2, 43, 0x22);  // a first packet of a group, full
+    damagedFull48[10] ^= 1;
+    auto damagedShort48 = MakePacket(48, 9, 2, 20, 0x22);
+    damagedShort48[10] ^= 1;
+    const auto good48 = MakePacket(48, 9, 3, 30, 0x33);
+    const auto other96 = MakePacket(96, 11, 3, 50, 0xBB);
+    struct Case {
+        const char* name;
+        std::vector<std::vector<uint8_t>> stream;
+        std::vector<std::pair<int, int>> expected;  // (size, address), in order
+    };
+    const Case cases[] = {
+        // 24 bytes under the address of the good packet that follows them.
+        {"damaged 24 then good 48", {damaged24, good48, good96, good96}, {{24, 9}, {48, 9}, {96, 9}, {96, 9}}},
+        // A full first packet passes on its useful length alone, under its own address.
+        {"damaged full first packet", {damagedFull48, other96, good96}, {{48, 9}, {96, 9}}},
+        // Not full: found again 48 bytes on; the 48 go out under the next
+        // packet's address, here not a wanted one.
+        {"damaged short first packet", {damagedShort48, other96, good96}, {{96, 9}}},
+        {"damaged short first packet, wanted next", {damagedShort48, good96}, {{48, 9}, {96, 9}}},
+    };
+    uint16_t address = 9;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        ResetPacketProbe(0);
+        delivered.clear();
+        std::vector<uint8_t> bytes;
+        for (const auto& p : c.stream) bytes.insert(bytes.end(), p.begin(), p.end());
+        bytes.resize(bytes.size() + 192, 0xFF);  // the look-ahead of the last packets
+        ASSERT_EQ(ExtractPackets(0, bytes.data(), kId, int(bytes.size()), &address, 1, 0), 1);
+        ASSERT_EQ(delivered.size(), c.expected.size());
+        for (size_t i = 0; i < c.expected.size(); ++i) {
+            EXPECT_EQ(int(delivered[i].bytes.size()), c.expected[i].first) << i;
+            EXPECT_EQ(delivered[i].address, c.expected[i].second) << i;
+        }
+    }
+}
+
+// Three bad packets in a row: nothing more is delivered and the decoder
+// steps 24 bytes at a time until a CRC passes.
+TEST_F(PacketExtraction, AfterThreeBadPacketsOnlyGoodOnesComeOut) {
+    // Every 24 bytes a header of a 96-byte packet of the wanted address that
+    // is neither CRC-valid nor plausible.
+    std::vector<uint8_t> bytes(24 * 20, 0);
+    for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = uint8_t(i * 37 + 11);
+    for (size_t i = 0; i < bytes.size(); i += 24) bytes[i] = 0xC0, bytes[i + 1] = 9, bytes[i + 2] = 0x7F;
+    const auto good = MakePacket(96, 9, 3, 60, 0x5A);
+    bytes.insert(bytes.end(), good.begin(), good.end());
+    bytes.insert(bytes.end(), good.begin(), good.end());
+    bytes.resize(bytes.size() + 192, 0);
+    uint16_t address = 9;
+    ExtractPackets(0, bytes.data(), kId, int(bytes.size()), &address, 1, 0);
+    ASSERT_GE(delivered.size(), 2u);
+    EXPECT_EQ(delivered[delivered.size() - 2].bytes, good);
+    EXPECT_EQ(delivered.back().bytes, good);
+    int garbage = 0;
+    for (const Delivered& d : delivered) garbage += d.bytes != good;
+    EXPECT_EQ(garbage, 3) << "two while errorRun is below 3, and the bytes before the packet found again";
+}
+
+TEST_F(PacketExtraction, ProbeCountsFecPackets) {
+    const SentPackets fec(true, 60);
+    const SentPackets plain(false, 60);
+    struct Case {
+        const SentPackets* s;
+        int expected;
+    };
+    for (const Case& c : {Case{&fec, 2}, Case{&plain, 1}}) {
+        ResetPacketProbe(1);
+        int result = 0;
+        int fed = 0;
+        for (size_t at = 0; result == 0 && at < c.s->bytes.size(); at += 500) {
+            result = ProbePacketFec(&c.s->bytes[at], 500, 1);
+            fed += 500;
+        }
+        EXPECT_EQ(result, c.expected);
+        EXPECT_EQ(fed, 2500) << "the table's 2,448 bytes";
+    }
+}
+
+TEST_F(PacketExtraction, BadArgumentsChangeNothing) {
+    uint8_t bytes[4] = {};
+    EXPECT_EQ(ExtractPackets(2, bytes, kId, 4, wanted, 2, 1), 0);
+    EXPECT_EQ(ExtractPackets(-1, bytes, kId, 4, wanted, 2, 1), 0);
+    EXPECT_EQ(ExtractPackets(0, nullptr, kId, 4, wanted, 2, 1), 0);
+    EXPECT_EQ(ExtractPackets(0, bytes, kId, -4, wanted, 2, 1), 0);
+    EXPECT_EQ(ExtractPackets(0, bytes, kId, 4, nullptr, 2, 1), 0);
+    EXPECT_EQ(ExtractPackets(0, nullptr, kId, 0, nullptr, 0, 1), 1);
+    EXPECT_EQ(ProbePacketFec(bytes, 4, 2), -1);
+    EXPECT_EQ(packetDecoders[0].state, 0);
+    FreePacketDecoders();
+    EXPECT_EQ(ExtractPackets(0, bytes, kId, 4, wanted, 2, 1), 0);
+}
+
+// Random bytes of any length, damaged FEC streams and wild address lists:
+// nothing read or written out of bounds (under the sanitizers), every
+// delivery one packet of a size the header allows, of a wanted address.
+TEST_F(PacketExtraction, RandomInputOfAnyLength) {
+    const char* longRun = std::getenv("MVDAB_LONG_TESTS");
+    const int rounds = longRun != nullptr && std::string(longRun) == "1" ? 100000 : 2000;
+    SentPackets s(true, 100);
+    std::mt19937 rng(23);
+    std::vector<uint8_t> bytes(6000);
+    uint16_t addresses[4] = {kWanted, kOther, 1022, 0};
+    for (int r = 0; r < rounds; ++r) {
+        const int length = int(rng() % (r % 7 == 0 ? 6000 : 300));
+        const int instance = int(rng() % 2);
+        if (rng() % 2 == 0) {
+            for (int i = 0; i < length; ++i) bytes[i] = uint8_t(rng());
+        } else {
+            const size_t at = rng() % (s.bytes.size() - 6000);
+            std::memcpy(bytes.data(), &s.bytes[at], size_t(length));
+            for (int e = int(rng() % 20); e > 0 && length > 0; --e) bytes[rng() % length] ^= uint8_t(rng());
+        }
+        switch (rng() % 8) {
+            case 0: ProbePacketFec(bytes.data(), length, instance); break;
+            case 1: RestartPacketSearch(instance); break;
+            case 2: ResetPacketDecoder(instance); break;
+            default:
+                ExtractPackets(instance, bytes.data(), kId, length, addresses, uint16_t(rng() % 5), uint8_t(rng() % 2));
+        }
+    }
+    for (const Delivered& d : delivered) {
+        ASSERT_TRUE(d.bytes.size() >= 24 && d.bytes.size() <= 96);
+        ASSERT_TRUE(d.address == kWanted || d.address == kOther || d.address == 1022 || d.address == 0);
+    }
+}
+
+}  // namespace
+}  // namespace mvdab

@@ -1,0 +1,287 @@
+// GF(256) tables and the two Reed-Solomon decoders against the transmitter's
+// own encoder (generator/payload_coding.h), which shares no table with them.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <random>
+#include <vector>
+
+#include "delivery/reed_solomon.h"
+#include "generator/payload_coding.h"
+
+namespace mvdab {
+namespace {
+
+struct RsTables : ::testing::Test {
+    static void SetUpTestSuite() {
+        ASSERT_EQ(BuildGfTables(), 1);
+        ASSERT_EQ(InitRs120(), 1);
+        ASSERT_EQ(InitRs204(), 1);
+    }
+    static void TearDownTestSuite() {
+        FreeRs204();
+        FreeRs120();
+        FreeGfTables();
+    }
+};
+
+bool LongTests() {
+    const char* v = std::getenv("MVDAB_LONG_TESTS");
+    return v != nullptr && v[0] == '1';
+}
+
+TEST_F(RsTables, FieldTablesAgreeWithTheTransmittersArithmetic) {
+    const GfTables& g = gfTables;
+    EXPECT_EQ(g.mulTable[0x80 * 256 + 2], 0x1D);
+    EXPECT_EQ(g.divTable[0x1D * 256 + 2], 0x80);
+    EXPECT_EQ(g.divTable[1 * 256 + 2], 0x8E);
+    for (int a = 0; a < 256; ++a) {
+        for (int b = 0; b < 256; ++b) {
+            ASSERT_EQ(g.mulTable[a * 256 + b], gen::GfMultiply(uint8_t(a), uint8_t(b))) << a << "*" << b;
+            // a / 0 and 0 / b read as 0; otherwise the quotient undoes the product.
+            const uint8_t q = g.divTable[a * 256 + b];
+            if (a == 0 || b == 0) {
+                ASSERT_EQ(q, 0) << a << "/" << b;
+            } else {
+                ASSERT_EQ(gen::GfMultiply(q, uint8_t(b)), a) << a << "/" << b;
+            }
+        }
+    }
+    for (int i = 0; i < 16; ++i) {
+        for (int v = 0; v < 256; ++v) {
+            for (int j = 0; j < 16; ++j) {
+                ASSERT_EQ(g.powerProductTable[i * 4096 + v * 16 + j], gen::GfMultiply(uint8_t(v), gen::GfPower(i * j)))
+                    << "i " << i << " v " << v << " j " << j;
+            }
+        }
+    }
+}
+
+// A code under test: its decoder, applied to a contiguous word of n bytes.
+struct CodeCase {
+    const char* name;
+    int length;     // n
+    int parity;     // n - k
+    int capability; // t
+    bool correctsParity;
+};
+constexpr CodeCase kRs120 = {"RS(120,110)", 120, 10, 5, true};
+constexpr CodeCase kRs204 = {"RS(204,188)", 204, 16, 8, false};
+
+int DecodeWord(const CodeCase& c, uint8_t* word) {
+    if (c.length == 120) return DecodeRs120Column(word, word + 110, 1);
+    return DecodeRs204Packet(word, word + 188);
+}
+
+std::vector<uint8_t> Encode(const CodeCase& c, std::vector<uint8_t> info) {
+    const gen::RsEncoder encoder(c.parity);
+    info.resize(c.length);
+    encoder.Encode(info.data(), c.length - c.parity, 1, info.data() + c.length - c.parity, 1);
+    return info;
+}
+
+TEST_F(RsTables, PublishedParityDecodesCleanAndUnchanged) {
+    struct Vector {
+        CodeCase code;
+        std::vector<uint8_t> info;
+        std::vector<uint8_t> parity;
+    };
+    std::vector<Vector> vectors;
+    // The generator's coefficients, highest first, are the parity of a single 1
+    // in the last information place.
+    std::vector<uint8_t> unit120(110, 0), unit204(188, 0), count(110), sevens(188);
+    unit120.back() = 1;
+    unit204.back() = 1;
+    for (int i = 0; i < 110; ++i) count[i] = uint8_t(i);
+    sevens[0] = 0x47;
+    for (int i = 1; i < 188; ++i) sevens[i] = uint8_t(7 * i);
+    vectors.push_back({kRs120, unit120, {0xD8, 0xC2, 0x9F, 0x6F, 0xC7, 0x5E, 0x5F, 0x71, 0x9D, 0xC1}});
+    vectors.push_back({kRs120, count, {0xA2, 0x8A, 0x69, 0x0C, 0xEA, 0x30, 0xBD, 0xD4, 0xA3, 0x5C}});
+    vectors.push_back({kRs204, unit204, {0x3B, 0x0D, 0x68, 0xBD, 0x44, 0xD1, 0x1E, 0x08, 0xA3, 0x41, 0x29, 0xE5, 0x62,
+                                         0x32, 0x24, 0x3B}});
+    vectors.push_back({kRs204, sevens, {0x78, 0x96, 0x7B, 0xF8, 0xAF, 0xBD, 0x8E, 0x9C, 0xDE, 0x78, 0x69, 0xD1, 0xD8,
+                                        0xC7, 0x38, 0x57}});
+    for (const Vector& v : vectors) {
+        std::vector<uint8_t> word = v.info;
+        word.insert(word.end(), v.parity.begin(), v.parity.end());
+        const std::vector<uint8_t> sent = word;
+        EXPECT_EQ(DecodeWord(v.code, word.data()), 0) << v.code.name;
+        EXPECT_EQ(word, sent) << v.code.name;
+        // One flipped parity byte is no longer clean, and is found.
+        word[v.info.size() + 3] ^= 0x40;
+        EXPECT_EQ(DecodeWord(v.code, word.data()), 0) << v.code.name;
+        if (v.code.correctsParity) {
+            EXPECT_EQ(word, sent) << v.code.name;
+        }
+    }
+}
+
+// Corrupts `errors` distinct random positions with random non-zero values.
+std::vector<int> Corrupt(std::vector<uint8_t>* word, int errors, std::mt19937* rng) {
+    std::vector<int> positions(word->size());
+    for (size_t i = 0; i < positions.size(); ++i) positions[i] = int(i);
+    std::shuffle(positions.begin(), positions.end(), *rng);
+    positions.resize(errors);
+    for (int p : positions) (*word)[p] ^= uint8_t(1 + (*rng)() % 255);
+    return positions;
+}
+
+// Every pattern of up to t errors corrects; beyond t the decoder fails with
+// the word untouched, or (rarely) lands on another codeword within t of the
+// received word, never on a word that is not one.
+struct Outcome {
+    long words = 0;
+    long failed = 0;
+    long corrected = 0;
+    long miscorrected = 0;
+    long byCode[8] = {};  // failures by code, -result
+};
+
+int Distance(const std::vector<uint8_t>& a, const std::vector<uint8_t>& b) {
+    int d = 0;
+    for (size_t i = 0; i < a.size(); ++i) d += a[i] != b[i];
+    return d;
+}
+
+Outcome Trial(const CodeCase& c, int errors, int words, uint32_t seed) {
+    std::mt19937 rng(seed);
+    Outcome o;
+    const int k = c.length - c.parity;
+    for (int n = 0; n < words; ++n) {
+        std::vector<uint8_t> info(k);
+        for (auto& b : info) b = uint8_t(rng());
+        const std::vector<uint8_t> sent = Encode(c, info);
+        std::vector<uint8_t> word = sent;
+        Corrupt(&word, errors, &rng);
+        const std::vector<uint8_t> received = word;
+        const int result = DecodeWord(c, word.data());
+        ++o.words;
+        if (result != 0) {
+            ++o.failed;
+            ++o.byCode[std::min(7, -result)];
+            EXPECT_EQ(word, received) << c.name << ": a failed word was changed";
+            continue;
+        }
+        // The decoded information re-encoded is the codeword decided on; it
+        // lies within t of the received word. RS(204,188) leaves the parity
+        // as received, RS(120,110) corrects it too.
+        const std::vector<uint8_t> decided = Encode(c, std::vector<uint8_t>(word.begin(), word.begin() + k));
+        EXPECT_LE(Distance(decided, received), c.capability) << c.name << ", " << errors << " errors";
+        if (c.correctsParity) {
+            EXPECT_EQ(word, decided) << c.name << ", " << errors << " errors";
+        } else {
+            EXPECT_TRUE(std::equal(word.begin() + k, word.end(), received.begin() + k)) << c.name;
+        }
+        if (decided == sent) {
+            ++o.corrected;
+        } else {
+            ++o.miscorrected;
+        }
+    }
+    return o;
+}
+
+TEST_F(RsTables, UpToTErrorsAlwaysCorrectBeyondFailOrLandOnACodeword) {
+    const int words = LongTests() ? 200000 : 1500;
+    for (const CodeCase& c : {kRs120, kRs204}) {
+        for (int errors = 1; errors <= c.capability + 3; ++errors) {
+            const Outcome o = Trial(c, errors, words, 1000u * errors + c.length);
+            if (errors <= c.capability) {
+                EXPECT_EQ(o.corrected, o.words) << c.name << ", " << errors << " errors";
+            } else {
+                // A miscorrection needs the received word within t of another
+                // codeword: a few in ten thousand at most.
+                EXPECT_LE(o.miscorrected * 1000, o.words) << c.name << ", " << errors << " errors";
+            }
+            if (LongTests()) {
+                std::printf("%s %2d errors: %ld words, corrected %ld, miscorrected %ld (%.4f %%), failed %ld "
+                            "(-2: %ld, -3: %ld, -5: %ld, -6: %ld, -7: %ld)\n",
+                            c.name, errors, o.words, o.corrected, o.miscorrected,
+                            100.0 * double(o.miscorrected) / double(o.words), o.failed, o.byCode[2], o.byCode[3],
+                            o.byCode[5], o.byCode[6], o.byCode[7]);
+            }
+        }
+    }
+}
+
+TEST_F(RsTables, ColumnDecodersTouchOnlyTheirColumns) {
+    // A superframe of s = 7 columns, each an RS(120,110) word; 3 errors in
+    // every column, the firecode area included.
+    const int s = 7;
+    std::mt19937 rng(5);
+    std::vector<uint8_t> frame(120 * s);
+    for (auto& b : frame) b = uint8_t(rng());
+    const gen::RsEncoder encoder(10);
+    for (int c = 0; c < s; ++c) encoder.Encode(frame.data() + c, 110, s, frame.data() + 110 * s + c, s);
+    const std::vector<uint8_t> sent = frame;
+    for (int c = 0; c < s; ++c) {
+        for (int row : {0, 55 + c, 115}) frame[row * s + c] ^= uint8_t(0x11 * (c + 1));
+    }
+    // Column 6 gets 6 errors more: uncorrectable.
+    for (int row = 1; row <= 6; ++row) frame[row * s + 6] ^= 0x5A;
+    const std::vector<uint8_t> received = frame;
+
+    uint8_t flags[24];
+    std::fill(std::begin(flags), std::end(flags), 0xEE);
+    EXPECT_EQ(DecodeRs120Columns(frame.data(), flags, s, 0), 0);
+    EXPECT_EQ(DecodeRs120Columns(frame.data(), flags, s, -3), 0);
+    EXPECT_EQ(frame, received);
+    EXPECT_EQ(flags[0], 0xEE);
+
+    // Only the first four columns, with the full stride.
+    EXPECT_EQ(DecodeRs120Columns(frame.data(), flags, s, 4), 0);
+    for (int i = 0; i < 120 * s; ++i) {
+        ASSERT_EQ(frame[i], (i % s) < 4 ? sent[i] : received[i]) << "byte " << i;
+    }
+    EXPECT_EQ(flags[4], 0xEE);
+    EXPECT_EQ(DecodeRs120Columns(frame.data(), flags, s, s), 1);
+    for (int c = 0; c < s; ++c) EXPECT_EQ(flags[c], c == 6 ? 1 : 0) << "column " << c;
+    for (int i = 0; i < 120 * s; ++i) {
+        ASSERT_EQ(frame[i], (i % s) < 6 ? sent[i] : received[i]) << "byte " << i;
+    }
+}
+
+TEST_F(RsTables, Rs204TableColumnsAreWordsTwelveApart) {
+    // 12 columns of 188 information rows; parity table of 16 rows apart.
+    std::mt19937 rng(9);
+    std::vector<uint8_t> data(12 * 188), parity(12 * 16);
+    for (auto& b : data) b = uint8_t(rng());
+    const gen::RsEncoder encoder(16);
+    for (int c = 0; c < 12; ++c) encoder.Encode(data.data() + c, 188, 12, parity.data() + c, 12);
+    const std::vector<uint8_t> sentData = data;
+    // Column c gets c errors, column 11 (eleven errors) is beyond the code.
+    for (int c = 0; c < 12; ++c) {
+        for (int e = 0; e < c; ++e) data[(e * 17 + c) % 188 * 12 + c] ^= uint8_t(0x21 + e);
+    }
+    const std::vector<uint8_t> receivedData = data;
+    uint8_t flags[12];
+    DecodeRs204Table(data.data(), parity.data(), flags);
+    for (int c = 0; c < 12; ++c) {
+        EXPECT_EQ(flags[c], c > 8 ? 1 : 0) << "column " << c;
+        for (int row = 0; row < 188; ++row) {
+            const int i = row * 12 + c;
+            ASSERT_EQ(data[i], c > 8 ? receivedData[i] : sentData[i]) << "column " << c << " row " << row;
+        }
+    }
+}
+
+TEST_F(RsTables, DecodersRefuseWithoutTheirTables) {
+    std::vector<uint8_t> word(120, 0);
+    word[3] = 1;
+    FreeRs120();
+    EXPECT_NE(DecodeRs120Column(word.data(), word.data() + 110, 1), 0);
+    EXPECT_EQ(word[3], 1);
+    FreeGfTables();
+    EXPECT_EQ(InitRs120(), 0);
+    FreeRs120();
+    ASSERT_EQ(BuildGfTables(), 1);
+    ASSERT_EQ(InitRs120(), 1);
+    ASSERT_EQ(InitRs204(), 1);
+    EXPECT_EQ(DecodeRs120Column(word.data(), word.data() + 110, 1), 0);
+    EXPECT_EQ(word[3], 0);
+}
+
+}  // namespace
+}  // namespace mvdab

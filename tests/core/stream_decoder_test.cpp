@@ -1,0 +1,292 @@
+// T-DMB stream decoding on the worker, thread-less: each transmission frame
+// of the sub-channel is queued as the demodulation thread queues it and the
+// worker's step runs at once. The stream is the transmitter's own: transport
+// packets, RS(204,188), the convolutional interleaver of 12 branches.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "delivery/reed_solomon.h"
+#include "delivery/stream_decoder.h"
+#include "delivery/superframe_sync.h"
+#include "delivery/worker.h"
+#include "generator/payload_sources.h"
+#include "receiver/callback_slots.h"
+#include "receiver/receiver_state.h"
+#include "services/service_commands.h"
+#include "services/service_component.h"
+
+namespace mvdab {
+namespace {
+
+struct Packet {
+    std::vector<uint8_t> bytes;
+    int32_t flags;
+};
+std::vector<Packet> packets;
+
+void Capture(uint8_t* bytes, int32_t length, int32_t flags) { packets.push_back({{bytes, bytes + length}, flags}); }
+
+constexpr int kCifs[4] = {4, 1, 1, 2};
+constexpr int kId = 9;
+
+// The transmitter's T-DMB sub-channel: `frames` transmission frames of mode
+// m at `bitrate` kbit/s, and the transport packets it sent.
+struct SentStream {
+    std::vector<uint8_t> bytes;
+    std::vector<std::vector<uint8_t>> ts;
+    int frameBytes;
+
+    SentStream(int m, int bitrate, int frames, uint32_t seed = 4) : frameBytes(kCifs[m] * 3 * bitrate) {
+        gen::TdmbStreamParams p;
+        p.seed = seed;
+        auto log = std::make_shared<std::vector<std::vector<uint8_t>>>();
+        p.tsLog = log;
+        gen::PayloadPtr source = gen::MakeTdmbPayload(bitrate, p);
+        bytes.resize(size_t(frames) * frameBytes);
+        for (size_t at = 0; at < bytes.size(); at += 3 * bitrate) source->NextLogicalFrame(&bytes[at], 3 * size_t(bitrate));
+        ts = *log;
+    }
+    const uint8_t* Frame(int f) const { return bytes.data() + size_t(f) * frameBytes; }
+    // Words whose every byte was sent: the last one's branch 11 comes 187
+    // rows after its first byte.
+    int CompleteWords() const { return int((bytes.size() / 12 - 187) / 17); }
+};
+
+struct StreamWorker : ::testing::Test {
+    void SetUp() override {
+        ASSERT_EQ(BuildGfTables(), 1);
+        ASSERT_EQ(InitRs204(), 1);
+        ASSERT_EQ(AllocateSuperframeBuffers(), 1);  // the hand-over's start values
+        ASSERT_EQ(AllocateStreamBuffers(), 1);
+        packets.clear();
+        streamDataCallback = Capture;
+    }
+    void TearDown() override {
+        FreeStreamBuffers();
+        FreeSuperframeBuffers();
+        FreeRs204();
+        FreeGfTables();
+    }
+    void Push(const uint8_t* frame, int length) {
+        QueueStreamBytes(kId, frame, length);
+        RunWorkerStep();
+    }
+    void PushStream(const SentStream& s, int first = 0) {
+        for (size_t f = first; f < s.bytes.size() / s.frameBytes; ++f) Push(s.Frame(int(f)), s.frameBytes);
+    }
+    // Delivered packets equal the sent ones from the first on, and all
+    // complete words came out.
+    void ExpectExact(const SentStream& s) {
+        ASSERT_GE(int(packets.size()), s.CompleteWords() - 17) << "words still in the de-interleaver at most";
+        ASSERT_LE(packets.size(), s.ts.size());
+        for (size_t i = 0; i < packets.size(); ++i) {
+            ASSERT_EQ(packets[i].flags, kId) << "packet " << i;
+            ASSERT_EQ(packets[i].bytes, s.ts[i]) << "packet " << i;
+        }
+    }
+};
+
+// Every transport packet comes out exactly, in order, the first being the
+// one that starts at the sync, in every mode, at the data preset's 96 kbit/s
+// and at 192 and 384 kbit/s; through the frame pipeline's entry.
+TEST_F(StreamWorker, EveryPacketInOrderInEveryMode) {
+    for (int m = 0; m < 4; ++m) {
+        for (int bitrate : {96, 192, 384}) {
+            SCOPED_TRACE("mode " + std::to_string(m + 1) + ", " + std::to_string(bitrate) + " kbit/s");
+            mode.transmissionMode = m;
+            mode.parameters = kModeTable[m];
+            const SentStream s(m, bitrate, 240 / kCifs[m]);
+            ServiceComponent c{};
+            c.subChannelId = kId;
+            c.bitsPerCif = uint16_t(24 * bitrate);
+            std::vector<uint8_t> decoded(s.frameBytes);
+            c.decodedBytes = decoded.data();
+            packets.clear();
+            for (size_t f = 0; f < s.bytes.size() / s.frameBytes; ++f) {
+                std::memcpy(decoded.data(), s.Frame(int(f)), decoded.size());
+                QueueStreamFrame(&c);
+                RunWorkerStep();
+            }
+            ExpectExact(s);
+            EXPECT_EQ(workerHandOver.workerActive, 2);
+            FlushWorker();
+            RunWorkerStep();
+        }
+    }
+}
+
+// Up to 8 byte errors in every word, anywhere in it, parity included: the
+// packets still come out exact and none is flagged.
+TEST_F(StreamWorker, EightByteErrorsPerWordAreCorrected) {
+    SentStream s(0, 192, 60);
+    std::mt19937 rng(11);
+    std::vector<int> errors(s.bytes.size() / 204 + 2, 0);
+    // Interleaved byte i is on branch i mod 12 and belongs to word i/204 - branch.
+    for (size_t i = 0; i < s.bytes.size(); ++i) {
+        const long word = long(i / 204) - long(i % 12);
+        if (word < 0 || errors[word] == 8 || rng() % 10 != 0) continue;
+        s.bytes[i] ^= uint8_t(1 + rng() % 255);
+        ++errors[word];
+    }
+    // The sync pair itself must survive.
+    ASSERT_EQ(s.bytes[0], 0x47);
+    ASSERT_EQ(s.bytes[204], 0x47);
+    PushStream(s);
+    ExpectExact(s);
+}
+
+// The sync pair decides the branch of every later byte. A pair at a distance
+// from the frame's end that is no multiple of 12 loses the block's last
+// bytes and puts every later frame on the wrong branches: the words come out
+// failing until a flush, after which a clean start decodes again.
+TEST_F(StreamWorker, SyncOffTheRowGridScramblesUntilAFlush) {
+    const SentStream s(0, 192, 30);
+    std::vector<uint8_t> first(s.Frame(0), s.Frame(1));
+    first.insert(first.begin(), 5, 0x00);
+    first.resize(s.frameBytes);
+    Push(first.data(), s.frameBytes);
+    for (int f = 1; f < 30; ++f) Push(s.Frame(f), s.frameBytes);
+    ASSERT_GT(packets.size(), 100u);
+    int failed = 0;
+    for (const Packet& p : packets) failed += (p.flags & kStreamRsFailedFlag) != 0;
+    EXPECT_GT(failed, int(packets.size()) * 9 / 10);
+    FlushWorker();
+    RunWorkerStep();
+    packets.clear();
+    PushStream(s);
+    ExpectExact(s);
+}
+
+// The sync search: a pair only within one frame, its partner exactly 204
+// further on; frames without one are dropped whole.
+TEST_F(StreamWorker, SyncPairMustLieWithinTheFrame) {
+    struct Case {
+        int length;
+        std::vector<int> syncs;
+        int expected;
+    };
+    const Case cases[] = {
+        {205, {0, 204}, 205},        // the pair ends on the frame's last byte
+        {205, {1, 205}, 0},          // the partner is the byte after the frame
+        {300, {1, 204}, 0},          // 203 apart
+        {300, {150}, 0},             // a 0x47 in the last 204 bytes: its partner is outside
+        {300, {10, 214, 250}, 290},  // the first pair counts
+        {300, {96, 250, 300 - 1}, 0},
+        {204, {0}, 0},
+        {1, {0}, 0},
+        {0, {}, 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(::testing::PrintToString(c.syncs) + " in " + std::to_string(c.length));
+        ResetStreamState();
+        std::vector<uint8_t> frame(c.length + 1, 0);
+        for (int at : c.syncs) frame[at] = 0x47;
+        EXPECT_EQ(FindStreamSync(frame.data(), c.length), c.expected);
+        EXPECT_EQ(streamState.streamSynced, c.expected != 0);
+    }
+}
+
+// Frames shorter than 12 bytes add no row; lengths that are no multiple of
+// 12 lose their last bytes. Neither moves topRow by more than whole rows.
+TEST_F(StreamWorker, ShortBlocksAddOnlyWholeRows) {
+    ResetStreamState();
+    streamState.streamSynced = 1;
+    uint8_t bytes[40] = {};
+    for (int length = 0; length < 12; ++length) {
+        DeinterleaveStreamBlock(bytes, length);
+        EXPECT_EQ(streamState.topRow, kStreamFirstTopRow) << length;
+    }
+    DeinterleaveStreamBlock(bytes, 35);
+    EXPECT_EQ(streamState.topRow, kStreamFirstTopRow + 2);
+    EXPECT_TRUE(packets.empty());
+}
+
+// A frame refused on a full ring is a gap: the worker searches the sync
+// again rather than decode rows that no longer join up, and decodes exactly
+// from the next pair on.
+TEST_F(StreamWorker, FullRingDropsFramesAndTheWorkerResynchronises) {
+    const SentStream s(0, 192, 40);
+    for (int f = 0; f < 10; ++f) Push(s.Frame(f), s.frameBytes);
+    for (int f = 10; f < 16; ++f) QueueStreamBytes(kId, s.Frame(f), s.frameBytes);  // 14 and 15 are refused
+    EXPECT_EQ(streamRing.droppedFrames, 2);
+    RunWorkerStep();
+    const size_t beforeGap = packets.size();
+    for (int f = 16; f < 40; ++f) Push(s.Frame(f), s.frameBytes);
+    ASSERT_GT(packets.size(), beforeGap + 100);
+    size_t first = 0;
+    while (first < s.ts.size() && s.ts[first] != packets[beforeGap].bytes) ++first;
+    ASSERT_LT(first, s.ts.size()) << "the first packet after the gap was sent";
+    EXPECT_GT(first, beforeGap) << "the frames lost hold packets";
+    for (size_t i = beforeGap; i < packets.size(); ++i) {
+        ASSERT_EQ(packets[i].flags, kId) << i;
+        ASSERT_EQ(packets[i].bytes, s.ts[first + i - beforeGap]) << i;
+    }
+    for (size_t i = 0; i < beforeGap; ++i) ASSERT_EQ(packets[i].bytes, s.ts[i]) << i;
+}
+
+// One worker, two decoders: a frame for the other one restarts the worker,
+// and the frame after its answer starts the other decoder.
+TEST_F(StreamWorker, TheOtherDecoderRestartsTheWorker) {
+    mode.transmissionMode = 0;
+    mode.parameters = kModeTable[0];
+    ServiceComponent dabPlus{};
+    dabPlus.type = kServiceDabPlus;
+    dabPlus.subChannelId = 3;
+    dabPlus.longForm = 1;
+    dabPlus.protectionLevel = 2;
+    dabPlus.subChannelSize = 6 * 4;
+    dabPlus.bitsPerCif = 192 * 4;
+    std::vector<uint8_t> decoded(4 * 24 * 4);
+    dabPlus.decodedBytes = decoded.data();
+    const SentStream s(0, 192, 4);
+    Push(s.Frame(0), s.frameBytes);
+    ASSERT_EQ(workerHandOver.workerActive, 2);
+    for (int round = 0; round < 2; ++round) {
+        QueueFrameForWorker(&dabPlus);
+        EXPECT_EQ(workerHandOver.flushState, 2) << "a DAB+ frame while the stream runs";
+        RunWorkerStep();
+        QueueFrameForWorker(&dabPlus);
+        RunWorkerStep();
+        EXPECT_EQ(workerHandOver.workerActive, 1);
+        Push(s.Frame(1), s.frameBytes);
+        EXPECT_EQ(workerHandOver.workerActive, 0) << "a stream frame while DAB+ runs: the worker answered a flush";
+        Push(s.Frame(2), s.frameBytes);
+        EXPECT_EQ(workerHandOver.workerActive, 2);
+    }
+}
+
+// Random bytes of any length, through the ring and straight into the
+// de-interleaver: nothing is read or written out of bounds (under the
+// sanitizers), and every delivery is one 188-byte packet.
+TEST_F(StreamWorker, RandomInputOfAnyLength) {
+    const char* longRun = std::getenv("MVDAB_LONG_TESTS");
+    const int rounds = longRun != nullptr && std::string(longRun) == "1" ? 20000 : 400;
+    std::mt19937 rng(3);
+    std::vector<uint8_t> bytes(70000);
+    int lengths[] = {0, 1, 11, 12, 204, 205, 22127, 22128, 22129, 65535, 65536, 70000};
+    for (int r = 0; r < rounds; ++r) {
+        const int length = r < 12 ? lengths[r] : int(rng() % (r % 5 == 0 ? 70001 : 3000));
+        const bool dense = rng() % 2 == 0;
+        const bool direct = rng() % 3 == 0;
+        // A few frames of one length, as a sub-channel delivers them.
+        for (int frames = 1 + int(rng() % 4); frames > 0; --frames) {
+            for (int i = 0; i < length; ++i) bytes[i] = dense && rng() % 8 == 0 ? 0x47 : uint8_t(rng());
+            direct ? DeinterleaveStreamBlock(bytes.data(), length) : Push(bytes.data(), length);
+        }
+        if (rng() % 20 == 0) {
+            FlushWorker();
+            RunWorkerStep();
+        }
+        ASSERT_GE(streamState.topRow, kStreamFirstTopRow);
+        ASSERT_LE(streamState.topRow, kStreamFirstTopRow + kStreamWordRows);
+    }
+    for (const Packet& p : packets) ASSERT_EQ(p.bytes.size(), size_t(kStreamPacketBytes));
+}
+
+}  // namespace
+}  // namespace mvdab

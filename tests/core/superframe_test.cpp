@@ -1,0 +1,551 @@
+// DAB+ superframe synchronisation on the worker, thread-less: each
+// transmission frame of a sub-channel is queued as the demodulation thread
+// queues it and the worker's step runs at once. The superframes come from the
+// transmitter's own firecode and RS(120,110) encoder.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include "delivery/reed_solomon.h"
+#include "delivery/worker.h"
+#include "generator/payload_coding.h"
+#include "generator/payload_dabplus.h"
+#include "platform/platform.h"
+#include "receiver/callback_slots.h"
+#include "receiver/frame_step.h"
+#include "receiver/receiver_state.h"
+#include "receiver/sync_objects.h"
+#include "services/protection_tables.h"
+#include "services/service_commands.h"
+#include "services/service_component.h"
+#include "tests/support/frame_harness.h"
+
+namespace mvdab {
+namespace {
+
+struct Delivery {
+    std::vector<uint8_t> bytes;
+    int32_t flags;
+    int32_t frame;  // index of the transmission frame whose step delivered it
+};
+
+std::mutex deliveryMutex;
+std::vector<Delivery> deliveries;
+int32_t currentFrame = 0;
+void (*onDelivery)() = nullptr;
+
+void Capture(uint8_t* bytes, int32_t length, int32_t flags) {
+    {
+        std::lock_guard<std::mutex> lock(deliveryMutex);
+        deliveries.push_back({std::vector<uint8_t>(bytes, bytes + length), flags, currentFrame});
+    }
+    if (onDelivery != nullptr) onDelivery();
+}
+
+// A sub-channel's bytes: consecutive superframes of random audio with the
+// firecode and parity the transmitter writes.
+struct Stream {
+    int s;
+    std::vector<uint8_t> bytes;  // 120*s per superframe
+
+    Stream(int columns, int count, uint32_t seed) : s(columns), bytes(size_t(120) * columns * count) {
+        std::mt19937 rng(seed);
+        for (int k = 0; k < count; ++k) {
+            uint8_t* sf = Superframe(k);
+            for (int i = 2; i < 110 * s; ++i) sf[i] = uint8_t(rng());
+            Seal(k);
+        }
+    }
+    uint8_t* Superframe(int k) { return bytes.data() + size_t(120) * s * k; }
+    std::vector<uint8_t> Audio(int k) { return {Superframe(k), Superframe(k) + 110 * s}; }
+    // Firecode and parity of superframe k from its bytes 2..110s-1.
+    void Seal(int k) {
+        uint8_t* sf = Superframe(k);
+        const uint16_t fire = gen::SuperframeFirecode(sf + 2);
+        sf[0] = uint8_t(fire >> 8);
+        sf[1] = uint8_t(fire);
+        gen::AddSuperframeParity(sf, s);
+    }
+    int LogicalFrameBytes() const { return 24 * s; }
+};
+
+constexpr int kCifs[4] = {4, 1, 1, 2};
+
+struct SuperframeWorker : ::testing::Test {
+    ServiceComponent component{};
+    std::vector<uint8_t> decoded;
+    int modeIndex = 0;
+
+    void SetUp() override {
+        ASSERT_EQ(BuildGfTables(), 1);
+        ASSERT_EQ(InitRs120(), 1);
+        ASSERT_EQ(AllocateSuperframeBuffers(), 1);
+        deliveries.clear();
+        currentFrame = 0;
+        onDelivery = nullptr;
+        mscCallback = Capture;
+    }
+    void TearDown() override {
+        FreeSuperframeBuffers();
+        FreeRs120();
+        FreeGfTables();
+        onDelivery = nullptr;
+    }
+
+    // A DAB+ component of s units (long form, set A, level 3: size 6*s) in
+    // transmission mode m.
+    void Select(int m, int s, int id = 5) {
+        modeIndex = m;
+        mode.transmissionMode = m;
+        mode.parameters = kModeTable[m];
+        component = ServiceComponent{};
+        component.type = kServiceDabPlus;
+        component.subChannelId = int8_t(id);
+        component.longForm = 1;
+        component.option = 0;
+        component.protectionLevel = 2;
+        component.subChannelSize = 6 * s;
+        component.bitsPerCif = uint16_t(192 * s);
+        decoded.assign(size_t(kCifs[m]) * 24 * s, 0);
+        component.decodedBytes = decoded.data();
+    }
+    int FrameBytes() const { return int(decoded.size()); }
+
+    // One transmission frame through the hand-over and one worker step.
+    void Push(const uint8_t* frame) {
+        std::memcpy(decoded.data(), frame, decoded.size());
+        QueueFrameForWorker(&component);
+        RunWorkerStep();
+        ++currentFrame;
+    }
+    // Pushes the stream from logical frame `first` on, whole transmission
+    // frames only.
+    void PushStream(Stream& st, int first, int frames) {
+        for (int f = 0; f < frames; ++f) Push(st.bytes.data() + size_t(first + f * kCifs[modeIndex]) * st.LogicalFrameBytes());
+    }
+};
+
+// Every superframe is delivered once, in order, with the transmission frame
+// that brings its last logical frame: the first complete one included, from
+// any starting CIF, in every mode. While tracking, logicalFramesHeld is the
+// count of logical frames received since the last superframe boundary.
+TEST_F(SuperframeWorker, DeliversEachSuperframeWithItsLastLogicalFrameFromAnyStart) {
+    for (int m = 0; m < 4; ++m) {
+        for (int s : {1, 6, 11, 12, 24}) {
+            for (int start = 0; start < 5; ++start) {
+                SCOPED_TRACE(testing::Message() << "mode " << m + 1 << " s " << s << " start " << start);
+                ASSERT_EQ(AllocateSuperframeBuffers(), 1);
+                deliveries.clear();
+                currentFrame = 0;
+                Select(m, s, 40 + s);
+                Stream st(s, 14, uint32_t(97 * s + 13 * m + start));
+                const int frames = 60 / kCifs[m];
+                // The first superframe boundary at or after the start.
+                const int boundary = (5 - start) % 5;
+                for (int f = 0; f < frames; ++f) {
+                    PushStream(st, start + f * kCifs[m], 1);
+                    if (superframeState.locked == 1) {
+                        ASSERT_EQ(superframeState.logicalFramesHeld, ((f + 1) * kCifs[m] - boundary) % 5) << "frame " << f;
+                    }
+                }
+                const int complete = (frames * kCifs[m] - boundary) / 5;
+                ASSERT_EQ(int(deliveries.size()), complete);
+                for (int k = 0; k < complete; ++k) {
+                    const int sent = (start + boundary) / 5 + k;
+                    EXPECT_EQ(deliveries[k].bytes, st.Audio(sent)) << "superframe " << k;
+                    EXPECT_EQ(deliveries[k].flags, 40 + s);
+                    EXPECT_EQ(deliveries[k].frame, (boundary + 5 * k + 4) / kCifs[m]) << "superframe " << k;
+                }
+            }
+        }
+    }
+}
+
+TEST_F(SuperframeWorker, FirecodeRemainderMatchesTheTransmitter) {
+    uint8_t sf[11] = {0x38, 0xD4, 1, 2, 3, 4, 5, 6, 7, 8, 9};
+    EXPECT_EQ(FirecodeRemainder(sf), 0);
+    sf[10] ^= 1;
+    EXPECT_NE(FirecodeRemainder(sf), 0);
+    std::mt19937 rng(3);
+    for (int n = 0; n < 200; ++n) {
+        for (auto& b : sf) b = uint8_t(rng());
+        const uint16_t fire = gen::SuperframeFirecode(sf + 2);
+        sf[0] = uint8_t(fire >> 8);
+        sf[1] = uint8_t(fire);
+        ASSERT_EQ(FirecodeRemainder(sf), 0);
+        sf[n % 11] ^= uint8_t(1 << (n % 8));
+        ASSERT_NE(FirecodeRemainder(sf), 0);
+    }
+}
+
+// The search decodes only the first min(s, 11) columns of the superframe it
+// delivers; tracking decodes all s. Five errors per column are corrected.
+TEST_F(SuperframeWorker, SearchCorrectsFirstElevenColumnsTrackingAllOfThem) {
+    for (int s : {6, 12}) {
+        SCOPED_TRACE(testing::Message() << "s " << s);
+        ASSERT_EQ(AllocateSuperframeBuffers(), 1);
+        deliveries.clear();
+        Select(0, s);
+        Stream st(s, 8, 77);
+        const std::vector<uint8_t> clean = st.bytes;
+        // Superframe 0: one error in the last column, and errors in the
+        // firecode and header bytes (rows 0 and 1, which with s < 11 hold
+        // bytes 0..10 across rows). Superframes 1..5: five errors per column.
+        st.Superframe(0)[50 * s + s - 1] ^= 0x11;
+        for (int i = 0; i < 11; ++i) st.Superframe(0)[i] ^= uint8_t(0x80 >> (i % 8));
+        for (int k = 1; k < 6; ++k) {
+            for (int c = 0; c < s; ++c) {
+                for (int e = 0; e < 5; ++e) st.Superframe(k)[(e * 23 + c) % 120 * s + c] ^= uint8_t(1 + e + c);
+            }
+        }
+        PushStream(st, 0, 9);
+        ASSERT_EQ(deliveries.size(), 7u);
+        std::vector<uint8_t> expected(clean.begin(), clean.begin() + 110 * s);
+        if (s > 11) expected[50 * s + s - 1] ^= 0x11;  // column s-1 left undecoded by the search
+        EXPECT_EQ(deliveries[0].bytes, expected);
+        for (int k = 1; k < 7; ++k) {
+            EXPECT_EQ(deliveries[k].bytes, std::vector<uint8_t>(clean.begin() + 120 * s * k, clean.begin() + 120 * s * k + 110 * s))
+                << "superframe " << k;
+            EXPECT_EQ(deliveries[k].flags, 5) << "superframe " << k;
+        }
+    }
+}
+
+// Superframes with fewer than 2 good columns are bad: three in a row are
+// delivered (bit 7 with their failed firecode), the fourth ends the lock and
+// is dropped with the rest of its transmission frame, and the search starts
+// again with the next frame. Two good columns keep the lock.
+TEST_F(SuperframeWorker, FourBadSuperframesEndTheLockTwoGoodColumnsKeepIt) {
+    for (int m = 0; m < 4; ++m) {
+        for (int goodColumns : {0, 1, 2}) {
+            SCOPED_TRACE(testing::Message() << "mode " << m + 1 << ", good columns " << goodColumns);
+            ASSERT_EQ(AllocateSuperframeBuffers(), 1);
+            deliveries.clear();
+            currentFrame = 0;
+            const int s = 4;
+            Select(m, s);
+            Stream st(s, 16, 5 + m);
+            for (int k = 3; k <= 6; ++k) {
+                for (int c = goodColumns; c < s; ++c) {
+                    for (int row = 0; row < 12; ++row) st.Superframe(k)[row * s + c] ^= uint8_t(0x5A + row);
+                }
+            }
+            const int frames = 80 / kCifs[m];
+            PushStream(st, 0, frames);
+            std::vector<int> sent;  // superframe index of each delivery
+            for (const Delivery& d : deliveries) {
+                int found = -1;
+                for (int k = 0; k < 16 && found < 0; ++k) {
+                    std::vector<uint8_t> audio = st.Audio(k);
+                    if (d.bytes == audio) found = k;
+                }
+                sent.push_back(found);
+            }
+            if (goodColumns == 2) {
+                ASSERT_EQ(deliveries.size(), 16u);
+                for (int k = 0; k < 16; ++k) {
+                    EXPECT_EQ(deliveries[k].flags & 0x80, (k >= 3 && k <= 6) ? 0x80 : 0) << "superframe " << k;
+                }
+                continue;
+            }
+            // 0..5 delivered (3..5 with bit 7), 6 dropped; the search restarts
+            // with the frame after the one that completed superframe 6 and
+            // finds the first superframe that starts in it or later.
+            const int restartLf = ((6 * 5 + 4) / kCifs[m] + 1) * kCifs[m];
+            const int next = (restartLf + 4) / 5;
+            ASSERT_GE(deliveries.size(), 6u);
+            for (int k = 0; k < 6; ++k) {
+                EXPECT_EQ(deliveries[k].flags & 0x80, k >= 3 ? 0x80 : 0) << "superframe " << k;
+                if (k < 3) {
+                    EXPECT_EQ(sent[k], k);
+                }
+            }
+            std::vector<int> after(sent.begin() + 6, sent.end());
+            std::vector<int> expected;
+            for (int k = next; k < 16; ++k) expected.push_back(k);
+            EXPECT_EQ(after, expected);
+        }
+    }
+}
+
+// A tracked superframe whose columns all decode but whose firecode is wrong
+// is delivered with bit 7 and does not count as bad.
+TEST_F(SuperframeWorker, GoodColumnsWithWrongFirecodeSetBit7Only) {
+    Select(3, 6);
+    Stream st(6, 12, 21);
+    for (int k : {2, 3, 4, 5, 6}) {
+        st.Seal(k);
+        st.Superframe(k)[1] ^= 0x01;
+        gen::AddSuperframeParity(st.Superframe(k), 6);
+    }
+    PushStream(st, 0, 30);
+    ASSERT_EQ(deliveries.size(), 12u);
+    for (int k = 0; k < 12; ++k) {
+        EXPECT_EQ(deliveries[k].bytes, st.Audio(k)) << "superframe " << k;
+        EXPECT_EQ(deliveries[k].flags, (k >= 2 && k <= 6) ? 0x85 : 0x05) << "superframe " << k;
+    }
+    EXPECT_EQ(superframeState.badCount, 0);
+}
+
+// A flush that arrives while the worker drains stops the drain before the
+// next frame; nothing more comes out until a delivery after the answer
+// restarts the search.
+TEST_F(SuperframeWorker, FlushDuringADrainStopsBeforeTheNextFrame) {
+    Select(1, 3);
+    Stream st(3, 10, 8);
+    PushStream(st, 0, 4);  // filling the search
+    EXPECT_TRUE(deliveries.empty());
+    // Three frames wait; the first completes superframe 0, whose delivery
+    // finds a flush requested.
+    for (int f = 4; f < 7; ++f) {
+        std::memcpy(decoded.data(), st.bytes.data() + f * 72, 72);
+        QueueFrameForWorker(&component);
+    }
+    onDelivery = [] { FlushWorker(); };
+    RunWorkerStep();
+    onDelivery = nullptr;
+    ASSERT_EQ(deliveries.size(), 1u);
+    EXPECT_EQ(workerHandOver.workerActive, 0);
+    EXPECT_EQ(workerHandOver.flushState, 2);
+    // Deliveries wait for the answer, then the search starts afresh.
+    Push(st.bytes.data() + 7 * 72);
+    EXPECT_EQ(subChannelRing.ringWrite, 0);
+    EXPECT_EQ(workerHandOver.flushState, 3);
+    PushStream(st, 10, 5);  // superframe 2, from its first logical frame
+    ASSERT_EQ(deliveries.size(), 2u);
+    EXPECT_EQ(deliveries[1].bytes, st.Audio(2));
+}
+
+// A worker that falls behind loses whole transmission frames, counted; the
+// frames it decodes are never overwritten, and after a gap it searches anew.
+TEST_F(SuperframeWorker, FullRingRefusesWholeFramesAndRestartsTheSearch) {
+    Select(1, 2);
+    Stream st(2, 12, 4);
+    const int lf = 48;
+    // Seven frames without a worker step: four get in, three are refused.
+    for (int f = 0; f < 7; ++f) {
+        std::memcpy(decoded.data(), st.bytes.data() + f * lf, lf);
+        QueueFrameForWorker(&component);
+    }
+    EXPECT_EQ(subChannelRing.droppedFrames, 3);
+    RunWorkerStep();
+    EXPECT_TRUE(deliveries.empty());
+    // From frame 7 on (after the gap) the search needs five frames again:
+    // superframe 2 (logical frames 10..14) is the first delivered.
+    for (int f = 7; f < 60; ++f) Push(st.bytes.data() + f * lf);
+    ASSERT_EQ(deliveries.size(), 10u);
+    for (size_t k = 0; k < deliveries.size(); ++k) EXPECT_EQ(deliveries[k].bytes, st.Audio(int(k) + 2));
+}
+
+// The worker on its own thread, the host's callback stalled at the first
+// superframe while the demodulation thread goes on queueing: four frames
+// wait, the rest are refused and counted, and every superframe that comes
+// out afterwards is one that was sent, whole and in order.
+std::atomic<bool> workerRunning{false};
+std::atomic<bool> callbackStalled{false};
+std::atomic<bool> callbackReleased{false};
+
+uint32_t TestWorkerThread() {
+    while (workerRunning) {
+        if (platform::WaitEvent(&workerEvent, 20) == 1) RunWorkerStep();
+    }
+    return 1;
+}
+
+void StallOnce() {
+    if (callbackStalled.exchange(true)) return;
+    while (!callbackReleased) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
+
+TEST_F(SuperframeWorker, StalledCallbackLosesWholeFramesNeverATornOne) {
+    ASSERT_EQ(platform::InitCriticalSection(&workerLock), 1);
+    ASSERT_EQ(platform::CreateEvent(&workerEvent), 1);
+    workerRunning = true;
+    callbackStalled = false;
+    callbackReleased = false;
+    onDelivery = StallOnce;
+    platform::Thread worker;
+    ASSERT_EQ(platform::CreateThread(&worker, TestWorkerThread), 1);
+
+    Select(1, 2);
+    Stream st(2, 40, 6);
+    const int lf = 48;
+    auto queue = [&](int f) {
+        std::memcpy(decoded.data(), st.bytes.data() + f * lf, lf);
+        QueueFrameForWorker(&component);
+    };
+    int f = 0;
+    while (!callbackStalled && f < 40) {
+        queue(f++);
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    ASSERT_TRUE(callbackStalled.load());
+    const int stalledAt = f;
+    for (int k = 0; k < 10; ++k) queue(f++);
+    callbackReleased = true;
+    for (; f < 200; ++f) {
+        queue(f);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    for (int wait = 0; wait < 1000; ++wait) {
+        platform::EnterCriticalSection(&workerLock);
+        const bool empty = subChannelRing.ringRead == subChannelRing.ringWrite;
+        platform::LeaveCriticalSection(&workerLock);
+        if (empty) break;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    workerRunning = false;
+    platform::SetEvent(&workerEvent);
+    platform::JoinThread(&worker);
+    platform::CloseEvent(&workerEvent);
+    platform::DeleteCriticalSection(&workerLock);
+
+    EXPECT_EQ(stalledAt, 5);
+    EXPECT_GE(subChannelRing.droppedFrames, 6);
+    EXPECT_LE(subChannelRing.droppedFrames, 10);
+    ASSERT_GE(deliveries.size(), 30u);
+    EXPECT_EQ(deliveries[0].bytes, st.Audio(0));
+    int last = 0;
+    for (size_t k = 1; k < deliveries.size(); ++k) {
+        int found = last + 1;
+        while (found < 40 && deliveries[k].bytes != st.Audio(found)) ++found;
+        ASSERT_LT(found, 40) << "delivery " << k << " is no superframe sent after the last one";
+        last = found;
+    }
+    EXPECT_EQ(last, 39);
+}
+
+// A DAB+ service selected after another, of another size and id, without a
+// retune: the worker restarts with the new sizes instead of reading the ring
+// with the old ones.
+TEST_F(SuperframeWorker, NewSizesRestartTheWorker) {
+    Select(0, 3, 7);
+    Stream first(3, 6, 1);
+    PushStream(first, 0, 5);
+    ASSERT_EQ(deliveries.size(), 4u);
+    // The first frame of the new component starts the flush and is dropped;
+    // the search begins with the second and finds superframe 1.
+    Select(0, 20, 9);
+    Stream second(20, 8, 2);
+    PushStream(second, 0, 10);
+    ASSERT_EQ(deliveries.size(), 11u);
+    for (int k = 4; k < 11; ++k) {
+        EXPECT_EQ(deliveries[k].flags, 9);
+        EXPECT_EQ(deliveries[k].bytes, second.Audio(k - 3)) << "superframe " << k - 3;
+    }
+}
+
+// Components the worker cannot take are never queued: more than 24 units
+// (225 kbit/s here), or decoded bytes that are not 24 bytes per unit and CIF.
+TEST_F(SuperframeWorker, OversizedOrInconsistentComponentsAreNotQueued) {
+    Select(0, 24);
+    component.subChannelSize = 6 * 28;
+    component.bitsPerCif = uint16_t(192 * 28);
+    decoded.assign(4 * 24 * 28, 0);
+    component.decodedBytes = decoded.data();
+    QueueFrameForWorker(&component);
+    EXPECT_EQ(subChannelRing.ringWrite, 0);
+    EXPECT_EQ(workerHandOver.flushRequest, 1);
+    Select(2, 8);
+    component.bitsPerCif = uint16_t(192 * 8 - 8);
+    QueueFrameForWorker(&component);
+    EXPECT_EQ(subChannelRing.ringWrite, 0);
+}
+
+// Random bytes, sizes, modes and flushes: nothing is read or written out of
+// bounds (under the address sanitizer) and every delivery has 110*s bytes.
+TEST_F(SuperframeWorker, RandomBytesAndSizes) {
+    const char* longRun = std::getenv("MVDAB_LONG_TESTS");
+    const int rounds = (longRun != nullptr && longRun[0] == '1') ? 20000 : 300;
+    std::mt19937 rng(2024);
+    for (int round = 0; round < rounds; ++round) {
+        const int m = int(rng() % 4);
+        const int s = 1 + int(rng() % 24);
+        Select(m, s, int(rng() % 64));
+        const int frames = 5 + int(rng() % 40);
+        deliveries.clear();
+        for (int f = 0; f < frames; ++f) {
+            for (auto& b : decoded) b = uint8_t(rng());
+            // Now and then a real firecode at a random logical frame, so that
+            // the search locks onto noise and tracking runs too.
+            if (rng() % 3 == 0) {
+                uint8_t* at = decoded.data() + (rng() % kCifs[m]) * 24 * s;
+                const uint16_t fire = gen::SuperframeFirecode(at + 2);
+                at[0] = uint8_t(fire >> 8);
+                at[1] = uint8_t(fire);
+            }
+            QueueFrameForWorker(&component);
+            if (rng() % 4 != 0) RunWorkerStep();
+            if (rng() % 50 == 0) FlushWorker();
+            if (rng() % 50 == 0) RunWorkerStep();
+        }
+        for (const Delivery& d : deliveries) ASSERT_EQ(int(d.bytes.size()), 110 * s);
+        FlushWorker();
+        RunWorkerStep();
+    }
+}
+
+// DAB+ above 192 kbit/s is refused when it is asked for, added or announced
+// as a change; plain sub-channels of that size are not affected.
+TEST(DabPlusServices, MoreThanTwentyFourUnitsAreRefused) {
+    test::FrameHarness h;
+    ASSERT_TRUE(h.ready());
+    receiverStatus.signalPresent = 1;
+    mode.transmissionMode = 0;
+    mode.parameters = kModeTable[0];
+    mode.configuredMode = 0;  // so that a frame step takes the request over
+    auto shortForm = [](int8_t type, int bitRate) {
+        int8_t index = 0;
+        while (kSubChannelTable[index].bitRate != bitRate) ++index;
+        return ServiceRequest{type, 1, 0, 0, index, 0, 0, 0};
+    };
+    auto longForm = [](int8_t type, int8_t optionAndLevel, int16_t size) {
+        return ServiceRequest{type, 1, 0, 1, 0, optionAndLevel, size, 0};
+    };
+    struct Case {
+        ServiceRequest request;
+        int32_t result;
+    };
+    const Case cases[] = {
+        {shortForm(3, 224), 0},
+        {longForm(3, 0x2, 150), 0},  // set A, level 3: 150 / 6 = 25 units
+        {longForm(3, 0x6, 126), 0},  // set B, level 3: 4 * (126 / 18) = 28 units
+        {longForm(3, 0x2, 149), 1},  // 24 units, the remainder dropped
+        {shortForm(3, 192), 1},
+        {shortForm(0, 224), 1},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(AddServiceRequest(c.request), c.result) << int(c.request.longForm) << " " << c.request.subChannelSize;
+        DeleteServiceRequest(1);
+    }
+    ASSERT_EQ(AddServiceRequest(shortForm(3, 96)), 1);
+    h.PushSilentFrames(1);
+    EXPECT_EQ(ChangeServiceOrganisation(shortForm(3, 224), 10), 0);
+    EXPECT_EQ(ChangeServiceOrganisation(shortForm(3, 192), 10), 1);
+
+    // Removing the DAB+ service flushes the worker, so that no superframe of
+    // it comes out after the removal has been taken over.
+    workerHandOver.flushRequest = 0;
+    workerHandOver.flushState = 3;
+    ASSERT_EQ(DeleteServiceRequest(1), 1);
+    h.PushSilentFrames(1);
+    EXPECT_EQ(workerHandOver.flushRequest, 1);
+    EXPECT_EQ(workerHandOver.flushState, 2);
+    // So does stopping the samples, which drops every service.
+    workerHandOver.flushRequest = 0;
+    workerHandOver.flushState = 3;
+    StopReceiver();
+    EXPECT_EQ(workerHandOver.flushState, 2);
+}
+
+}  // namespace
+}  // namespace mvdab
