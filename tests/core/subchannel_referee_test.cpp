@@ -16,7 +16,6 @@
 #include <fstream>
 #include <memory>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 #include <unistd.h>
@@ -40,32 +39,6 @@ constexpr size_t kFrameBytes = 3 * 128;  // one logical frame of 128 kbit/s
 
 std::vector<uint8_t> mscBytes;
 void RecordMsc(uint8_t* bytes, int32_t length, int32_t) { mscBytes.insert(mscBytes.end(), bytes, bytes + length); }
-
-// Logical frames of `got` that equal some logical frame sent.
-size_t ExactFrames(const std::vector<uint8_t>& sent, const std::vector<uint8_t>& got) {
-    std::unordered_map<uint64_t, size_t> index;
-    for (size_t k = 0; (k + 1) * kFrameBytes <= sent.size(); ++k) {
-        uint64_t key;
-        std::memcpy(&key, sent.data() + k * kFrameBytes, sizeof key);
-        index.emplace(key, k);
-    }
-    size_t good = 0;
-    // The dump may start anywhere in a frame: align on the first exact one.
-    size_t start = 0;
-    for (; start + kFrameBytes <= got.size() && start < kFrameBytes; ++start) {
-        uint64_t key;
-        std::memcpy(&key, got.data() + start, sizeof key);
-        if (index.count(key) != 0) break;
-    }
-    for (size_t at = start; at + kFrameBytes <= got.size(); at += kFrameBytes) {
-        uint64_t key;
-        std::memcpy(&key, got.data() + at, sizeof key);
-        auto it = index.find(key);
-        if (it != index.end() && std::memcmp(got.data() + at, sent.data() + it->second * kFrameBytes, kFrameBytes) == 0)
-            ++good;
-    }
-    return good;
-}
 
 std::vector<uint8_t> ReadFile(const fs::path& path) {
     std::ifstream f(path, std::ios::binary);
@@ -137,7 +110,7 @@ TEST(SubChannelReferee, ExactFrameShareBesideWelleCli) {
             }
             mscCallback.store(nullptr);
             const size_t frames = mscBytes.size() / kFrameBytes;
-            ours = frames > 0 ? double(ExactFrames(*sent, mscBytes)) / double(frames) : 0.0;
+            ours = frames > 0 ? double(test::ExactLogicalFrames(*sent, mscBytes, kFrameBytes)) / double(frames) : 0.0;
         }
 
         const fs::path out = dir / ("welle" + std::to_string(snr));
@@ -145,7 +118,7 @@ TEST(SubChannelReferee, ExactFrameShareBesideWelleCli) {
         ASSERT_EQ(std::system(("'" + script + "' '" + file.string() + "' '" + out.string() + "' 25 >/dev/null 2>&1").c_str()), 0);
         const std::vector<uint8_t> dump = ReadFile(out / "MVX Classic.msc");
         const size_t dumped = dump.size() / kFrameBytes;
-        const double welle = dumped > 0 ? double(ExactFrames(*sent, dump)) / double(dumped) : 0.0;
+        const double welle = dumped > 0 ? double(test::ExactLogicalFrames(*sent, dump, kFrameBytes)) / double(dumped) : 0.0;
         std::printf("    %3d     %6.1f    %6.1f   (%zu frames dumped)\n", snr, 100.0 * ours, 100.0 * welle, dumped);
         std::fflush(stdout);
         fs::remove(file);

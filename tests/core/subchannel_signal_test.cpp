@@ -10,7 +10,6 @@
 #include <cstring>
 #include <iterator>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 #include "generator/channel_model.h"
@@ -212,24 +211,9 @@ double ExactShare(int32_t mode, double snrDb, const std::string& profile, int32_
     const double start = feed.seconds() + 16 * 0.024 + 2 * kModeTable[mode - 1].framePeriod / 2048000.0;
     feed.Push(seconds);
     const size_t frameBytes = size_t(3 * (id == 2 ? 128 : 48));
-    const std::vector<uint8_t>& sent = feed.Sent(id);
-    std::unordered_map<uint64_t, size_t> index;
-    for (size_t k = 0; (k + 1) * frameBytes <= sent.size(); ++k) {
-        uint64_t key;
-        std::memcpy(&key, sent.data() + k * frameBytes, sizeof key);
-        index.emplace(key, k);
-    }
-    int64_t good = 0;
-    for (const test::MscDelivery& d : feed.deliveries()) {
-        for (size_t at = 0; at + frameBytes <= d.bytes.size(); at += frameBytes) {
-            uint64_t key;
-            std::memcpy(&key, d.bytes.data() + at, sizeof key);
-            auto it = index.find(key);
-            if (it != index.end() &&
-                std::equal(d.bytes.begin() + at, d.bytes.begin() + at + frameBytes, sent.begin() + it->second * frameBytes))
-                ++good;
-        }
-    }
+    std::vector<uint8_t> got;
+    for (const test::MscDelivery& d : feed.deliveries()) got.insert(got.end(), d.bytes.begin(), d.bytes.end());
+    const size_t good = test::ExactLogicalFrames(feed.Sent(id), got, frameBytes);
     const double expected = (feed.seconds() - start) / 0.024;
     return expected > 0 ? std::min(1.0, double(good) / expected) : 0.0;
 }
