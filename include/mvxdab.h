@@ -115,7 +115,13 @@ MVDAB_API int32_t MVDAB_SetStreamDataCallBack(MVDAB_StreamDataCallBack callback)
  * startAddress in capacity units; longForm 0: tableIndex (0..63) selects the
  * short-form row; longForm 1: optionAndLevel bit 2 = option (0 set A, 1 set B),
  * bits 1..0 = protection level - 1, subChannelSize in capacity units.
- * packetAddress is not used; fecScheme's low 2 bits are stored. */
+ * packetAddress is not used; fecScheme's low 2 bits are stored.
+ * Refused with 0, changing nothing: a sub-channel id above 63, a table index
+ * above 63, optionAndLevel above 7, a size below one step of its set (set A
+ * 12, 8, 6, 4 and set B 27, 21, 18, 15 capacity units for levels 1..4), a
+ * negative start, or a sub-channel reaching past capacity unit 863.
+ * One sub-channel at a time; a plain sub-channel's bytes arrive from the frame
+ * after the one that completes 16 CIFs of time de-interleaving. */
 
 /* 1 accepted; 5 this sub-channel is already requested; 0 refused (also a
  * DAB+ sub-channel above 192 kbit/s). */
@@ -125,7 +131,11 @@ MVDAB_API int32_t MVDAB_AddServiceCom(int8_t type, int8_t subChannelId, int16_t 
 /* 1 deleted; 4 no such sub-channel (or closed); 0 a retune is pending. */
 MVDAB_API int32_t MVDAB_DelServiceCom(int32_t type, int8_t subChannelId, int16_t packetAddress);
 /* Announces a change of the sub-channel's organisation at the CIF whose count
- * modulo 250 is changeCifLow. 1 announced; 0 refused. */
+ * modulo 250 is changeCifLow (the new parameters are checked as by
+ * MVDAB_AddServiceCom). The CIFs before it are decoded with the old
+ * parameters, the frame after the change with the new ones; a retune or
+ * service reset before it drops the change with the service. 1 announced;
+ * 0 refused. */
 MVDAB_API int32_t MVDAB_ChangeSCOrg(int8_t type, int8_t subChannelId, int16_t startAddress,
                                     int8_t longForm, int8_t tableIndex, int8_t optionAndLevel,
                                     int16_t subChannelSize, int16_t packetAddress, int8_t fecScheme,

@@ -51,8 +51,8 @@ using mvdab::test::LongTestsWanted;
 TEST(ApiMscModes, PlainSubChannelBytesAreTheBytesSentInEveryMode) {
     // Faster than real time, but paced, so that the receiver's hand-over
     // keeps up on a busy machine; sanitized builds play the signal slowed.
-    const double speed = mvdab::test::kSanitized ? 0.5 : 3.0;
-    const double signalSeconds = LongTestsWanted() ? 60.0 : 3.0;
+    const double speed = mvdab::test::kSanitized ? 0.75 : 3.0;
+    const double signalSeconds = LongTestsWanted() ? 60.0 : mvdab::test::kSanitized ? 1.5 : 3.0;
     mvdab::test::SetDevicePace(speed);
     ASSERT_EQ(MVDAB_SetFICCallBack(OnFic), 1);
     ASSERT_EQ(MVDAB_SetMSCCallBack(OnMsc), 1);

@@ -5,10 +5,14 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <iterator>
 #include <string>
 #include <vector>
 
+#include "generator/channel_model.h"
 #include "generator/ensemble_description.h"
 #include "generator/protection_profiles.h"
 #include "mvxdab.h"
@@ -185,6 +189,61 @@ TEST(SubChannelSignal, AnnouncedReconfigurationIsFollowedAtItsCif) {
     bool single = false;
     for (const test::MscDelivery& d : feed.deliveries()) single = single || d.bytes.size() == 3 * 64;
     EXPECT_TRUE(single);
+}
+
+bool LongTestsWanted() {
+    const char* v = std::getenv("MVDAB_LONG_TESTS");
+    return v != nullptr && std::strcmp(v, "1") == 0;
+}
+
+// Share of the logical frames of sub-channel `id` that arrive bit-exactly, of
+// all those the transmitter sent from the first that could be delivered
+// (the take-over plus the de-interleaver's fill) to the end; frames never
+// delivered, for want of a lock or after a resynchronisation, count as lost.
+double ExactShare(int32_t mode, double snrDb, const std::string& profile, int32_t id, double seconds) {
+    gen::ChannelParams channel;
+    channel.snrDb = snrDb;
+    channel.seed = 11;
+    if (profile != "awgn") EXPECT_TRUE(gen::MultipathProfile(profile, &channel.taps));
+    MscFeed feed(Preset("default", mode), channel);
+    if (!feed.ok() || !feed.PushUntilLocked(3.0)) return 0.0;
+    if (feed.Add(id, 0) != 1) return 0.0;
+    const double start = feed.seconds() + 16 * 0.024 + 2 * kModeTable[mode - 1].framePeriod / 2048000.0;
+    feed.Push(seconds);
+    const size_t frameBytes = size_t(3 * (id == 2 ? 128 : 48));
+    std::vector<uint8_t> got;
+    for (const test::MscDelivery& d : feed.deliveries()) got.insert(got.end(), d.bytes.begin(), d.bytes.end());
+    const size_t good = test::ExactLogicalFrames(feed.Sent(id), got, frameBytes);
+    const double expected = (feed.seconds() - start) / 0.024;
+    return expected > 0 ? std::min(1.0, double(good) / expected) : 0.0;
+}
+
+TEST(SubChannelSignal, ExactFrameShareAgainstSnr) {
+    if (!LongTestsWanted()) GTEST_SKIP() << "set MVDAB_LONG_TESTS=1";
+    constexpr double kSeconds = 8.0;
+    std::printf("    logical frames delivered bit-exactly, %% of those sent in %.0f s after the fill\n", kSeconds);
+    std::printf("    mode channel sub-channel  ");
+    for (int32_t snr = 2; snr <= 14; ++snr) std::printf(" %3d dB", snr);
+    std::printf("  99%% from\n");
+    for (int32_t mode = 1; mode <= 4; ++mode) {
+        for (const std::string profile : {"awgn", "urban"}) {
+            for (int32_t id : {2, 1}) {
+                std::printf("    %-4d %-7s %-12s", mode, profile.c_str(), id == 2 ? "UEP 3" : "EEP 3-A");
+                int32_t passFrom = -1;
+                for (int32_t snr = 2; snr <= 14; ++snr) {
+                    const double share = ExactShare(mode, snr, profile, id, kSeconds);
+                    std::printf(" %6.1f", 100.0 * share);
+                    if (share >= 0.99 && passFrom < 0) passFrom = snr;
+                    if (share < 0.99) passFrom = -1;
+                }
+                if (passFrom >= 0)
+                    std::printf("  %d dB\n", passFrom);
+                else
+                    std::printf("  none\n");
+                std::fflush(stdout);
+            }
+        }
+    }
 }
 
 }  // namespace
