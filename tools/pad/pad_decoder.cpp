@@ -81,6 +81,20 @@ int Mp2ScfCrcBytes(const uint8_t h[4]) {
     return fs48 && perChannel < 56 ? 2 : 4;
 }
 
+size_t Mp2FrameBytes(const uint8_t h[4]) {
+    static constexpr int kRates1[15] = {0, 32, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320, 384};
+    static constexpr int kRates2[15] = {0, 8, 16, 24, 32, 40, 48, 56, 64, 80, 96, 112, 128, 144, 160};
+    static constexpr int kFs1[3] = {44100, 48000, 32000};
+    if (h[0] != 0xFF || (h[1] & 0xE6) != 0xE4) return 0;
+    const int rateIndex = h[2] >> 4, fsIndex = (h[2] >> 2) & 3;
+    if (rateIndex == 0 || rateIndex == 15 || fsIndex == 3) return 0;
+    const bool mpeg1 = (h[1] & 0x18) == 0x18;
+    if (!mpeg1 && (h[1] & 0x18) != 0x10) return 0;
+    const int kbps = mpeg1 ? kRates1[rateIndex] : kRates2[rateIndex];
+    const int fs = mpeg1 ? kFs1[fsIndex] : kFs1[fsIndex] / 2;
+    return static_cast<size_t>(144 * kbps * 1000 / fs + ((h[2] >> 1) & 1));
+}
+
 std::string LabelText(const uint8_t* bytes, size_t length, int charset) {
     std::string out;
     for (size_t i = 0; i < length;) {

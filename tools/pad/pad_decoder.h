@@ -47,6 +47,9 @@ struct PadCounts {
 // the bit rate per channel is below 56 kbit/s, else 4; 0 if `header` is not
 // a layer II header this can tell.
 int Mp2ScfCrcBytes(const uint8_t header[4]);
+// Bytes of the layer II frame whose header is `header` (48, 24 or 32 kHz,
+// padding slot included); 0 if it is no such header.
+size_t Mp2FrameBytes(const uint8_t header[4]);
 
 // Dynamic Label text in UTF-8 from its bytes and character set: 0 EBU Latin
 // (printable ASCII kept, other codes as '?'), 15 UTF-8 (invalid sequences as
