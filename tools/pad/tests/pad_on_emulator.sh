@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Dynamic Label and slideshow received end to end: writes an ensemble
-# description with an MP2 and a DAB+ service carrying PAD, runs dabhost
+# Dynamic Label and slideshow received end to end: fills in the ensemble
+# description pad_ensemble.txt (MP2 and DAB+ services with PAD), runs dabhost
 # (first argument) on the emulated device for the service given, and checks
 # that it shows the label sent and saved every picture byte for byte.
 # Usage: pad_on_emulator.sh DABHOST WORK MP2FILE SLIDES SERVICE LABEL [dabhost options]
@@ -9,13 +9,7 @@ set -u
 dabhost="$1" work="$2" mp2="$3" slides="$4" service="$5" label="$6"
 shift 6
 rm -rf "$work" && mkdir -p "$work/received"
-cat >"$work/ensemble.txt" <<END
-ensemble eid=0xE2C0 label="MVX PAD"
-subchannel id=1 protection=eep-a:3 bitrate=48 payload=dabplus-synth:5 label="DAB+ now: Grüße" slides=$slides
-subchannel id=2 protection=uep:3 bitrate=128 payload=mp2:$mp2 label="MP2 now: a text of more than sixteen characters" slides=$slides
-service sid=0xE2C1 label="PAD Plus" component=dabplus:1
-service sid=0xE2C2 label="PAD Classic" component=mp2:2
-END
+sed -e "s|@MP2@|$mp2|g" -e "s|@SLIDES@|$slides|g" "$(dirname "$0")/pad_ensemble.txt" >"$work/ensemble.txt"
 output="$(MVC900_SOURCE="generated:config=$work/ensemble.txt,mode=1,snr=30" MVC900_SPEED=2 \
           "$dabhost" -f 227360 --service "$service" --slides "$work/received" --json "$@" 2>&1)"
 status=$?

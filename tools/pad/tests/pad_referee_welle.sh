@@ -10,13 +10,7 @@ dabgen="$1" work="$2" mp2="$3" slides="$4"
 [ "${MVDAB_LONG_TESTS:-0}" = 1 ] || { echo "SKIPPED: set MVDAB_LONG_TESTS=1"; exit 77; }
 command -v welle-cli >/dev/null && command -v curl >/dev/null || { echo "SKIPPED: no welle-cli or curl"; exit 77; }
 rm -rf "$work" && mkdir -p "$work"
-cat >"$work/ensemble.txt" <<END
-ensemble eid=0xE2C0 label="MVX PAD"
-subchannel id=1 protection=eep-a:3 bitrate=48 payload=dabplus-synth:5 label="DAB+ now: Grüße" slides=$slides
-subchannel id=2 protection=uep:3 bitrate=128 payload=mp2:$mp2 label="MP2 now: a text of more than sixteen characters" slides=$slides
-service sid=0xE2C1 label="PAD Plus" component=dabplus:1
-service sid=0xE2C2 label="PAD Classic" component=mp2:2
-END
+sed -e "s|@MP2@|$mp2|g" -e "s|@SLIDES@|$slides|g" "$(dirname "$0")/pad_ensemble.txt" >"$work/ensemble.txt"
 "$dabgen" --config "$work/ensemble.txt" --seconds 12 --quiet --output "$work/signal.u8" || exit 1
 port=$((20000 + $$ % 20000))
 welle-cli -f "$work/signal.u8" -w "$port" -C 2 -P >"$work/welle.log" 2>&1 &
