@@ -243,6 +243,8 @@ bool ParseLine(const std::vector<std::string>& words, EnsembleDescription* d, st
             else if (key == "protection" && ParseProtection(value, &s.protection)) {}
             else if (key == "bitrate" && Number(value, 8, 2048, &v)) s.bitrateKbps = static_cast<int>(v);
             else if (key == "payload" && !value.empty()) s.payload = value;
+            else if (key == "label" && value.size() <= 128) s.padLabel = value;
+            else if (key == "slides" && !value.empty()) s.padSlides = value;
             else return bad(key, value);
         }
         if (!haveId || s.bitrateKbps == 0 || s.payload.empty())

@@ -19,6 +19,9 @@ struct SubChannelDesc {
     Protection protection;      // short form (UEP) or long form (EEP set A/B)
     int bitrateKbps = 0;        // kbit/s
     std::string payload;        // payload text as MakePayloadFromText takes it
+    // Programme-associated data of an audio payload (MP2, DAB+ from AUs).
+    std::string padLabel;       // Dynamic Label text, UTF-8, up to 128 bytes
+    std::string padSlides;      // folder of .jpg/.png pictures sent as a slideshow
     // If set, every payload byte sent in this sub-channel is appended here,
     // logical frame after logical frame.
     std::shared_ptr<std::vector<uint8_t>> record;

@@ -5,6 +5,7 @@
 #include <set>
 #include <sstream>
 
+#include "generator/pad_encoder.h"
 #include "generator/payload_sources.h"
 
 namespace gen {
@@ -122,6 +123,14 @@ std::unique_ptr<Multiplex> Multiplex::Make(const EnsembleDescription& descriptio
         std::string why;
         PayloadPtr payload = MakePayloadFromText(sc.payloadText, s.bitrateKbps, &why);
         if (!payload) return Refuse(error, "sub-channel " + std::to_string(s.id) + ": " + why);
+        if (!s.padLabel.empty() || !s.padSlides.empty()) {
+            std::vector<PadSlide> slides;
+            if (!s.padSlides.empty() && !LoadSlides(s.padSlides, &slides, &why))
+                return Refuse(error, "sub-channel " + std::to_string(s.id) + ": " + why);
+            if (!payload->AttachPad(std::make_shared<PadEncoder>(s.padLabel, std::move(slides))))
+                return Refuse(error, "sub-channel " + std::to_string(s.id) +
+                                         ": label= and slides= need an mp2:, dabplus-au: or dabplus-synth: payload");
+        }
         if (s.record) payload = MakeRecordingPayload(std::move(payload), s.record);
         sc.payload = std::move(payload);
         sc.encoder = std::make_unique<SubChannelEncoder>(sc.profile, sc.payload.get());

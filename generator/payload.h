@@ -10,6 +10,8 @@
 
 namespace gen {
 
+class PadEncoder;
+
 class PayloadSource {
 public:
     virtual ~PayloadSource() = default;
@@ -18,6 +20,9 @@ public:
     virtual void NextLogicalFrame(uint8_t* out, size_t length) = 0;
     // One line for the tool's listing, e.g. "random seed 7" or "DAB+ file x.dabp".
     virtual std::string Describe() const = 0;
+    // Audio sources send programme-associated data from `pad` in each audio
+    // frame from now on; false for sources that cannot carry it.
+    virtual bool AttachPad(std::shared_ptr<PadEncoder> pad) { return pad == nullptr; }
 };
 
 using PayloadPtr = std::unique_ptr<PayloadSource>;

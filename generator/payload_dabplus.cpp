@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "generator/pad_encoder.h"
 #include "generator/payload_coding.h"
 #include "generator/payload_file.h"
 #include "generator/payload_rng.h"
@@ -81,6 +82,23 @@ std::string AudioText(const DabPlusAudio& a) {
     return t;
 }
 
+// The data stream element that opens an AU carrying PAD: element id 4 and
+// instance tag 0, not byte-aligned (the element starts on a byte anyway),
+// its count (with the escape byte from 255 on), then the PAD field: X-PAD
+// reversed and the F-PAD. At most `room` bytes in all (X-PAD up to 56);
+// nothing if the room is too small to carry any X-PAD.
+void AppendPadElement(PadEncoder& encoder, int room, std::vector<uint8_t>* out) {
+    const int maxXpad = std::min(56, room - 4 - 2);
+    if (maxXpad < 6) return;
+    const PadField field = encoder.Next(maxXpad);
+    const int count = PadEncoder::PadBytes(field, 0);
+    out->push_back(0x80);
+    out->push_back(static_cast<uint8_t>(std::min(count, 255)));
+    if (count >= 255) out->push_back(static_cast<uint8_t>(count - 255));
+    out->resize(out->size() + static_cast<size_t>(count));
+    PadEncoder::Write(field, 0, out->data() + out->size());
+}
+
 // Serves superframes of 120 * s bytes as five logical frames each; the
 // derived class makes superframe number k on request.
 class SuperframeSource : public PayloadSource {
@@ -130,7 +148,8 @@ class AuListSource final : public SuperframeSource {
 public:
     AuListSource(int s, const DabPlusAudio& audio, std::vector<std::vector<uint8_t>> aus, std::string what)
         : SuperframeSource(s), audio_(audio), aus_(std::move(aus)), what_(std::move(what)) {}
-    std::string Describe() const override { return what_; }
+    std::string Describe() const override { return (pad_ ? "PAD in " : "") + what_; }
+    bool AttachPad(std::shared_ptr<PadEncoder> pad) override { return pad_ = std::move(pad), true; }
 
 protected:
     void MakeSuperframe(uint64_t index, uint8_t* out) override {
@@ -138,10 +157,22 @@ protected:
         const size_t groups = aus_.size() / n;
         const size_t first = (index % groups) * n;
         std::vector<std::vector<uint8_t>> group(aus_.begin() + first, aus_.begin() + first + n);
-        BuildDabPlusSuperframe(audio_, s_, group, out);  // checked at construction
+        if (pad_) {
+            // The room the AUs leave, shared out: each AU grows by its PAD.
+            int free = 110 * s_ - DabPlusLayoutFor(audio_).firstAuStart;
+            for (const auto& au : group) free -= static_cast<int>(au.size()) + 2;
+            const int share = free / static_cast<int>(n) - 3;
+            for (auto& au : group) {
+                std::vector<uint8_t> pad;
+                AppendPadElement(*pad_, share, &pad);
+                au.insert(au.begin(), pad.begin(), pad.end());
+            }
+        }
+        BuildDabPlusSuperframe(audio_, s_, group, out);  // checked at construction, PAD within the room
     }
 
 private:
+    std::shared_ptr<PadEncoder> pad_;
     DabPlusAudio audio_;
     std::vector<std::vector<uint8_t>> aus_;
     std::string what_;
@@ -151,8 +182,9 @@ class SyntheticAuSource final : public SuperframeSource {
 public:
     SyntheticAuSource(int s, const DabPlusAudio& audio, uint32_t seed)
         : SuperframeSource(s), audio_(audio), seed_(seed), rng_(0xDAB0'0000'0000'0000ull ^ seed) {}
+    bool AttachPad(std::shared_ptr<PadEncoder> pad) override { return pad_ = std::move(pad), true; }
     std::string Describe() const override {
-        return "DAB+ synthetic AUs, " + AudioText(audio_) + ", seed " + std::to_string(seed_);
+        return std::string(pad_ ? "PAD in " : "") + "DAB+ synthetic AUs, " + AudioText(audio_) + ", seed " + std::to_string(seed_);
     }
 
 protected:
@@ -171,11 +203,18 @@ protected:
             used += size;
             aus[k].resize(static_cast<size_t>(size));
             for (uint8_t& b : aus[k]) b = rng_.Byte();
+            if (pad_) {
+                // The PAD element takes the place of the first bytes.
+                std::vector<uint8_t> pad;
+                AppendPadElement(*pad_, size / 3, &pad);
+                std::copy(pad.begin(), pad.end(), aus[k].begin());
+            }
         }
         BuildDabPlusSuperframe(audio_, s_, aus, out);
     }
 
 private:
+    std::shared_ptr<PadEncoder> pad_;
     DabPlusAudio audio_;
     uint32_t seed_;
     Rng rng_;

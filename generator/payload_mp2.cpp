@@ -2,8 +2,10 @@
 // audio frames back to back: at 48 kHz one frame per logical frame, at 24 kHz
 // one frame per two. Every frame must have the sub-channel's bit rate and no
 // padding, so that the frame grid stays on the logical frame grid.
+#include <algorithm>
 #include <cstring>
 
+#include "generator/pad_encoder.h"
 #include "generator/payload_file.h"
 #include "generator/payload_sources.h"
 
@@ -47,16 +49,45 @@ public:
             std::memset(out, 0, length);
             return;
         }
-        std::memcpy(out, bytes_.data() + pos_, length);
+        const uint8_t* from = bytes_.data() + pos_;
+        if (pad_) {
+            const size_t frameBytes = static_cast<size_t>(144 * bitrate_ * 1000 / rate_);
+            const size_t inFrame = pos_ % frameBytes;
+            if (inFrame == 0) AddPad(bytes_.data() + pos_, frameBytes);
+            from = frame_.data() + inFrame;
+        }
+        std::memcpy(out, from, length);
         pos_ += length;
         if (pos_ >= bytes_.size()) pos_ = 0;
     }
+    bool AttachPad(std::shared_ptr<PadEncoder> pad) override {
+        pad_ = std::move(pad);
+        return true;
+    }
     std::string Describe() const override {
-        return "MP2 file " + path_ + " (" + std::to_string(frames_) + " frames, " + std::to_string(bitrate_) +
+        return std::string(pad_ ? "PAD in " : "") + "MP2 file " + path_ + " (" + std::to_string(frames_) + " frames, " + std::to_string(bitrate_) +
                " kbit/s, " + std::to_string(rate_ / 1000) + " kHz, looping)";
     }
 
 private:
+    // Copies the frame at `frame` and overwrites its end with the next PAD
+    // field: the X-PAD takes the place of the last audio bytes before the
+    // ScF-CRC, which is left as it was. The frame's audio data is cut short
+    // by the X-PAD's length (at most 56 bytes); a decoder reads the bits it
+    // finds there as the end of the frame's samples.
+    void AddPad(const uint8_t* frame, size_t frameBytes) {
+        frame_.assign(frame, frame + frameBytes);
+        const bool mono = (frame[3] >> 6) == 3;
+        const int perChannel = mono ? bitrate_ : bitrate_ / 2;
+        // The ScF-CRC has 2 bytes at 48 kHz below 56 kbit/s per channel, else 4.
+        const int scfCrc = rate_ == 48000 && perChannel < 56 ? 2 : 4;
+        const int maxXpad = std::min(56, static_cast<int>(frameBytes / 4));
+        const PadField field = pad_->Next(maxXpad);
+        PadEncoder::Write(field, scfCrc, frame_.data() + frameBytes);
+    }
+
+    std::shared_ptr<PadEncoder> pad_;
+    std::vector<uint8_t> frame_;  // the current frame with its PAD
     std::string path_;
     std::vector<uint8_t> bytes_;  // whole frames only
     size_t frames_;

@@ -28,6 +28,7 @@
 #include "mvxdab.h"
 #include "service_output.h"
 #include "service_select.h"
+#include "tools/ficparse/ensemble_print.h"
 #include "tools/ficparse/fic_parser.h"
 
 namespace {
@@ -195,6 +196,7 @@ int ReceiveService(const HostOptions& options, const ServiceChoice& choice, ficp
     if (!files.Open(options)) return 1;
     WavWriter wav(files.wav);
     ServiceOutput output(choice.kind, files.record, EndsWith(options.recordPath, ".aac"), &wav);
+    output.SaveSlidesTo(options.slidesDir);
 
     const ServiceRequest r = RequestFor(choice.kind, choice.subChannel);
     mscQueue.Expect(choice.subChannel.id);
@@ -228,6 +230,7 @@ int ReceiveService(const HostOptions& options, const ServiceChoice& choice, ficp
         if (!options.quiet && elapsed - lastShown >= 1.0) {
             std::string line = ServiceStatusLine(elapsed, choice.kind, output.counts(), mscQueue.counts().dropped);
             if (choice.kind == ServiceKind::DabPlus && !output.AudioText().empty()) line += ", " + output.AudioText();
+            if (!output.label().empty()) line += ", label \"" + output.label() + "\"";
             std::fprintf(stderr, "%s\n", line.c_str());
             lastShown = elapsed;
         }
@@ -242,6 +245,14 @@ int ReceiveService(const HostOptions& options, const ServiceChoice& choice, ficp
     if (files.wav != nullptr)
         std::fprintf(stderr, "dabhost: WAV %s: %s\n", options.wavPath.c_str(),
                      wav.figures().frames > 0 ? wav.figures().Text().c_str() : "no audio decoded");
+    if (!output.label().empty() || c.slides > 0)
+        std::fprintf(stderr, "dabhost: label \"%s\", %llu slide%s%s%s\n", output.label().c_str(),
+                     static_cast<unsigned long long>(c.slides), c.slides == 1 ? "" : "s",
+                     options.slidesDir.empty() ? "" : " saved in ", options.slidesDir.c_str());
+    if (options.json)
+        std::fprintf(out, "{\"service\": %s, \"dynamicLabel\": %s, \"slides\": %llu}\n",
+                     ficparse::JsonString(choice.label).c_str(), ficparse::JsonString(output.label()).c_str(),
+                     static_cast<unsigned long long>(c.slides));
     if (follower.changesPassed() > 0)
         std::fprintf(stderr, "dabhost: %d reconfiguration%s followed\n", follower.changesPassed(),
                      follower.changesPassed() == 1 ? "" : "s");

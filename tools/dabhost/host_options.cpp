@@ -54,6 +54,7 @@ bool ParseFrequencyList(const char* text, std::vector<int32_t>* out) {
 const char* HostUsage() {
     return "usage: dabhost [-f kHz|block] [-t s] [-d s] [--json] [-q]\n"
            "       dabhost [-f kHz|block] --service LABEL|SID [--wav FILE|-] [--record FILE]\n"
+           "               [--slides DIR]\n"
            "               [-d s] [--frames N]\n"
            "       dabhost --scan [--freqs a,b,c] [-t s] [--json] [-q]\n"
            "  -f, --frequency F   frequency in kHz or block name (default 227360, block 12C)\n"
@@ -67,6 +68,7 @@ const char* HostUsage() {
            "                      superframes), or at -d, whichever comes first\n"
            "      --record FILE   the sub-channel as received: MP2 stream, raw data bytes,\n"
            "                      or DAB+ access units as LOAS (ADTS if FILE ends in .aac); - stdout\n"
+           "      --slides DIR    save each slideshow picture of the service as it completes\n"
            "  -s, --settle s      how long a complete ensemble must stay unchanged (default 1)\n"
            "  -i, --interval s    status poll period (default 0.1)\n"
            "      --scan          look for ensembles on all Band III blocks, 5A to 13F\n"
@@ -115,9 +117,11 @@ bool ParseHostOptions(int argc, char** argv, HostOptions* o, std::string* error)
                 return fail();
             o->frames = uint64_t(v);
             ++i;
-        } else if (is(nullptr, "--service") || is(nullptr, "--wav") || is(nullptr, "--record")) {
+        } else if (is(nullptr, "--service") || is(nullptr, "--wav") || is(nullptr, "--record") ||
+                   is(nullptr, "--slides")) {
             if (!hasValue || argv[i + 1][0] == '\0') return fail();
-            std::string& target = a[2] == 's' ? o->service : a[2] == 'w' ? o->wavPath : o->recordPath;
+            std::string& target = a[2] == 's' ? (a[3] == 'e' ? o->service : o->slidesDir)
+                                  : a[2] == 'w' ? o->wavPath : o->recordPath;
             target = argv[++i];
         } else if (is("-s", "--settle")) {
             if (!seconds(&o->settleSeconds, 0.0, 60.0)) return fail();
@@ -140,8 +144,9 @@ bool ParseHostOptions(int argc, char** argv, HostOptions* o, std::string* error)
             return false;
         }
     }
-    if (o->service.empty() && (!o->wavPath.empty() || !o->recordPath.empty() || o->frames != 0)) {
-        *error = "--wav, --record and --frames need --service";
+    if (o->service.empty() && (!o->wavPath.empty() || !o->recordPath.empty() || !o->slidesDir.empty() ||
+                               o->frames != 0)) {
+        *error = "--wav, --record, --slides and --frames need --service";
         return false;
     }
     if (o->scan && !o->service.empty()) {

@@ -19,6 +19,7 @@ struct HostOptions {
     std::string service;             // label or id of the service to receive; empty: none
     std::string wavPath;             // decoded audio as WAV; "-" standard output; empty: none
     std::string recordPath;          // the sub-channel as received (DAB+: LOAS, or ADTS for *.aac); empty: none
+    std::string slidesDir;           // folder for slideshow pictures; empty: none saved
     bool durationGiven = false;      // -d was given; a service is received until interrupted otherwise
     uint64_t frames = 0;             // with --service: stop after this many deliveries (0: no limit)
     bool help = false;

@@ -70,9 +70,11 @@ void ServiceOutput::Push(const uint8_t* bytes, int length, int32_t flags) {
     case ServiceKind::Mp2: {
         Write(bytes, size_t(length));
         if (!mp2_.ok()) {
+            ReadMp2Pad(bytes, size_t(length));
             ++counts_.decodeFailures;
             return;
         }
+        ReadMp2Pad(bytes, size_t(length));
         PcmBlock pcm;
         counts_.audioFrames += uint64_t(mp2_.Decode(bytes, length, &pcm));
         Play(pcm);
@@ -104,6 +106,7 @@ void ServiceOutput::PushSuperframe(const uint8_t* bytes, int length, int32_t fla
         }
         if (au.payloadBytes == 0) continue;
         const uint8_t* payload = bytes + au.offset;
+        pad_.PushAu(payload, size_t(au.payloadBytes));
         if (record_ != nullptr) {
             frame_.clear();
             if (adts_)
@@ -118,6 +121,45 @@ void ServiceOutput::PushSuperframe(const uint8_t* bytes, int length, int32_t fla
             ++counts_.decodeFailures;
     }
     Play(pcm);
+    SaveSlides();
+}
+
+// Cuts the MP2 stream into frames by their headers (skipping bytes where no
+// header is found) and reads the PAD at the end of each.
+void ServiceOutput::ReadMp2Pad(const uint8_t* bytes, size_t length) {
+    mp2Pending_.insert(mp2Pending_.end(), bytes, bytes + length);
+    size_t pos = 0;
+    while (pos + 4 <= mp2Pending_.size()) {
+        const size_t n = pad::Mp2FrameBytes(&mp2Pending_[pos]);
+        if (n == 0) {
+            ++pos;
+            continue;
+        }
+        if (pos + n > mp2Pending_.size()) break;
+        pad_.PushMp2Frame(&mp2Pending_[pos], n);
+        pos += n;
+    }
+    mp2Pending_.erase(mp2Pending_.begin(), mp2Pending_.begin() + long(pos));
+    SaveSlides();
+}
+
+void ServiceOutput::SaveSlides() {
+    for (const pad::MotObject& o : pad_.TakeObjects()) {
+        if (o.contentType != 2) continue;  // only images make a slideshow
+        ++counts_.slides;
+        if (slidesDir_.empty()) continue;
+        // The content name without any folder part, and no hidden or odd names.
+        std::string name = o.name.substr(o.name.find_last_of('/') == std::string::npos ? 0 : o.name.find_last_of('/') + 1);
+        for (char& c : name)
+            if (static_cast<unsigned char>(c) < 0x20 || c == '\\') c = '_';
+        if (name.empty() || name[0] == '.')
+            name = ficparse::Format("slide-%u.%s", unsigned(o.transportId), o.contentSubType == 3 ? "png" : "jpg");
+        const std::string path = slidesDir_ + "/" + name;
+        std::FILE* f = std::fopen(path.c_str(), "wb");
+        const bool ok = f != nullptr && std::fwrite(o.body.data(), 1, o.body.size(), f) == o.body.size();
+        if (f != nullptr && std::fclose(f) != 0) counts_.writeFailed = true;
+        if (!ok) counts_.writeFailed = true;
+    }
 }
 
 std::string ServiceOutput::AudioText() const {

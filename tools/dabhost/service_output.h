@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "audio_decoders.h"
+#include "tools/pad/pad_decoder.h"
 #include "superframe.h"
 #include "wav_writer.h"
 
@@ -65,6 +66,7 @@ struct ServiceCounts {
     uint64_t aus = 0;               // AUs found
     uint64_t auCrcFailures = 0;     // AUs whose CRC failed: neither decoded nor recorded
     uint64_t decodeFailures = 0;    // AUs (or MP2 deliveries) the decoder rejected
+    uint64_t slides = 0;            // slideshow pictures completed (and saved with a folder)
     bool writeFailed = false;       // the record or WAV file refused a write
 };
 
@@ -74,6 +76,12 @@ public:
     // data, and the AUs as LOAS frames for DAB+ (ADTS with `adts`). `wav`
     // (may be null) gets the decoded audio. Neither is owned.
     ServiceOutput(ServiceKind kind, std::FILE* record, bool adts, WavWriter* wav);
+    // Saves each slideshow picture as it completes into `dir` (no folder: none
+    // saved), under its MOT content name, or slide-ID.jpg/.png without one.
+    void SaveSlidesTo(std::string dir) { slidesDir_ = std::move(dir); }
+    // The current Dynamic Label, UTF-8; empty if none.
+    const std::string& label() const { return pad_.label(); }
+    const pad::PadCounts& padCounts() const { return pad_.counts(); }
     // One delivery of the MSC callback.
     void Push(const uint8_t* bytes, int length, int32_t flags);
     const ServiceCounts& counts() const { return counts_; }
@@ -84,6 +92,8 @@ private:
     void PushSuperframe(const uint8_t* bytes, int length, int32_t flags);
     void Write(const uint8_t* bytes, size_t length);
     void Play(const PcmBlock& pcm);
+    void ReadMp2Pad(const uint8_t* bytes, size_t length);
+    void SaveSlides();
 
     ServiceKind kind_;
     std::FILE* record_;
@@ -94,5 +104,8 @@ private:
     dabplus::Superframe last_;
     bool anySuperframe_ = false;
     std::vector<uint8_t> frame_;  // one LOAS or ADTS frame
+    pad::PadDecoder pad_;
+    std::vector<uint8_t> mp2Pending_;  // MP2 bytes not yet in a whole frame (24 kHz frames span two deliveries)
+    std::string slidesDir_;
     ServiceCounts counts_;
 };

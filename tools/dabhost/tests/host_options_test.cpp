@@ -56,8 +56,9 @@ TEST(HostOptions, ScanListsAndTimeouts) {
 
 TEST(HostOptions, ServiceOutputsAndWhoGetsStandardOutput) {
     HostOptions o;
-    ASSERT_TRUE(Parse({"--service", "MVX Classic", "--wav", "-", "--record", "c.mp2"}, &o));
+    ASSERT_TRUE(Parse({"--service", "MVX Classic", "--wav", "-", "--record", "c.mp2", "--slides", "pics"}, &o));
     EXPECT_EQ(o.service, "MVX Classic");
+    EXPECT_EQ(o.slidesDir, "pics");
     EXPECT_EQ(o.wavPath, "-");
     EXPECT_EQ(o.recordPath, "c.mp2");
     EXPECT_FALSE(o.durationGiven);  // a service is received until interrupted
@@ -67,6 +68,7 @@ TEST(HostOptions, ServiceOutputsAndWhoGetsStandardOutput) {
     for (auto args : {std::vector<const char*>{"--wav", "x.wav"}, {"--record", "x"}, {"--service"},
                       {"--service", ""}, {"--scan", "--service", "A"}, {"--service", "A", "--wav", "-", "--json"},
                       {"--service", "A", "--wav", "-", "--record", "-"}, {"--frames", "3"},
+                      {"--slides", "d"}, {"--service", "A", "--slides", ""},
                       {"--service", "A", "--frames", "0"}, {"--service", "A", "--frames", "2.5"}}) {
         std::string error;
         HostOptions fresh;
