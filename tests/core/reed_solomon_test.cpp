@@ -184,7 +184,7 @@ Outcome Trial(const CodeCase& c, int errors, int words, uint32_t seed) {
 }
 
 TEST_F(RsTables, UpToTErrorsAlwaysCorrectBeyondFailOrLandOnACodeword) {
-    const int words = LongTests() ? 200000 : 1500;
+    const int words = LongTests() ? 200000 : 1000;
     for (const CodeCase& c : {kRs120, kRs204}) {
         for (int errors = 1; errors <= c.capability + 3; ++errors) {
             const Outcome o = Trial(c, errors, words, 1000u * errors + c.length);
