@@ -219,6 +219,29 @@ TEST_F(SuperframeWorker, SearchCorrectsFirstElevenColumnsTrackingAllOfThem) {
     }
 }
 
+// A wrong start whose firecode register ends with its low 8 bits clear but
+// not all 16 is no superframe: the search goes on to the right one.
+TEST_F(SuperframeWorker, SearchWantsTheWholeFirecode) {
+    Select(0, 6);
+    Stream st(6, 8, 31);
+    // The stream starts with the last logical frame of superframe 0, so the
+    // search tests that frame (a wrong start) before superframe 1.
+    const int start = 4;
+    uint8_t* wrong = st.bytes.data() + start * st.LogicalFrameBytes();
+    const uint8_t b0 = wrong[0], b1 = wrong[1];
+    bool found = false;
+    for (int pattern = 1; pattern < 65536 && !found; ++pattern) {
+        wrong[0] = uint8_t(b0 ^ (pattern >> 8));
+        wrong[1] = uint8_t(b1 ^ pattern);
+        const uint16_t r = FirecodeRemainder(wrong);
+        found = (r & 0xFF) == 0 && r != 0;
+    }
+    ASSERT_TRUE(found);
+    PushStream(st, start, 9);
+    ASSERT_EQ(deliveries.size(), 7u);
+    for (int k = 0; k < 7; ++k) EXPECT_EQ(deliveries[k].bytes, st.Audio(k + 1)) << "superframe " << k + 1;
+}
+
 // Superframes with fewer than 2 good columns are bad: three in a row are
 // delivered (bit 7 with their failed firecode), the fourth ends the lock and
 // is dropped with the rest of its transmission frame, and the search starts
