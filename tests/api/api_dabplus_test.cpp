@@ -109,6 +109,8 @@ TEST(ApiDabPlus, EverySuperframeSentIsDeliveredOnceInEveryMode) {
 
         for (const DabPlusChannel& c : kChannels) {
             if (!LongTestsWanted() && kShortRunMode[c.id] != mode) continue;
+            // Under the sanitizers (half real time), one sub-channel a mode.
+            if (mvdab::test::kSanitized && !LongTestsWanted() && c.id > 5) continue;
             SCOPED_TRACE("sub-channel " + std::to_string(c.id) + ", s " + std::to_string(c.s));
             mvdab::test::SubChannelParameters p;
             ASSERT_TRUE(mvdab::test::DescribeSubChannel(d, c.id, false, &p));
