@@ -181,7 +181,15 @@ TEST(ApiDabPlus, EverySuperframeSentIsDeliveredOnceInEveryMode) {
                 }
                 int64_t at = last + 1;
                 while (at < sentFrames && !isSent(deliveries[k].bytes, at)) ++at;
-                ASSERT_LT(at, sentFrames) << "delivery " << k - first << " is no superframe sent after the one before";
+                if (at == sentFrames) {
+                    int64_t earlier = 0;
+                    while (earlier <= last && !isSent(deliveries[k].bytes, earlier)) ++earlier;
+                    FAIL() << "delivery " << k - first << " (FIC frame " << deliveries[k].ficFrame - addedAt
+                           << " after the request) is no superframe sent after superframe " << last
+                           << (earlier <= last ? ", it repeats superframe " + std::to_string(earlier)
+                                               : ", nor any superframe sent")
+                           << "; " << flagged << " flagged and " << missing << " missing before it";
+                }
                 if (last >= 0) missing += at - last - 1;
                 if (start < 0) start = at;
                 last = at;
