@@ -267,21 +267,5 @@ TEST_F(RsTables, Rs204TableColumnsAreWordsTwelveApart) {
     }
 }
 
-TEST_F(RsTables, DecodersRefuseWithoutTheirTables) {
-    std::vector<uint8_t> word(120, 0);
-    word[3] = 1;
-    FreeRs120();
-    EXPECT_NE(DecodeRs120Column(word.data(), word.data() + 110, 1), 0);
-    EXPECT_EQ(word[3], 1);
-    FreeGfTables();
-    EXPECT_EQ(InitRs120(), 0);
-    FreeRs120();
-    ASSERT_EQ(BuildGfTables(), 1);
-    ASSERT_EQ(InitRs120(), 1);
-    ASSERT_EQ(InitRs204(), 1);
-    EXPECT_EQ(DecodeRs120Column(word.data(), word.data() + 110, 1), 0);
-    EXPECT_EQ(word[3], 0);
-}
-
 }  // namespace
 }  // namespace mvdab

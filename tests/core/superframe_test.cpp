@@ -169,23 +169,6 @@ TEST_F(SuperframeWorker, DeliversEachSuperframeWithItsLastLogicalFrameFromAnySta
     }
 }
 
-TEST_F(SuperframeWorker, FirecodeRemainderMatchesTheTransmitter) {
-    uint8_t sf[11] = {0x38, 0xD4, 1, 2, 3, 4, 5, 6, 7, 8, 9};
-    EXPECT_EQ(FirecodeRemainder(sf), 0);
-    sf[10] ^= 1;
-    EXPECT_NE(FirecodeRemainder(sf), 0);
-    std::mt19937 rng(3);
-    for (int n = 0; n < 200; ++n) {
-        for (auto& b : sf) b = uint8_t(rng());
-        const uint16_t fire = gen::SuperframeFirecode(sf + 2);
-        sf[0] = uint8_t(fire >> 8);
-        sf[1] = uint8_t(fire);
-        ASSERT_EQ(FirecodeRemainder(sf), 0);
-        sf[n % 11] ^= uint8_t(1 << (n % 8));
-        ASSERT_NE(FirecodeRemainder(sf), 0);
-    }
-}
-
 // The search decodes only the first min(s, 11) columns of the superframe it
 // delivers; tracking decodes all s. Five errors per column are corrected.
 TEST_F(SuperframeWorker, SearchCorrectsFirstElevenColumnsTrackingAllOfThem) {
