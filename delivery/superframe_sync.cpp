@@ -258,7 +258,14 @@ int32_t TestSuperframeAt(uint8_t* superframe) {
     uint8_t failed[kMaxColumns];
     const int32_t s = sf.columns;
     DecodeRs120Columns(superframe, failed, s, s < kSearchColumns ? s : kSearchColumns);
-    return (FirecodeRemainder(superframe) & 0xFF) == 0 ? 1 : 0;
+    // All 16 bits of the firecode, as for a tracked superframe. A test of the
+    // low 8 bits alone lets one wrong start in 256 through, and a search
+    // tries up to three wrong starts before the right one: about one start
+    // of a service in a hundred would lock onto a wrong boundary and hand
+    // the host a superframe of misplaced bytes as good, then three flagged
+    // ones before the search begins anew. A superframe that passes after the
+    // correction of its first columns passes either test.
+    return FirecodeRemainder(superframe) == 0 ? 1 : 0;
 }
 
 uint16_t FirecodeRemainder(const uint8_t* superframe) {

@@ -11,6 +11,7 @@
 // signal each.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -86,10 +87,12 @@ TEST(ApiDabPlus, EverySuperframeSentIsDeliveredOnceInEveryMode) {
     const std::string path = testing::TempDir() + "mvdab_dabplus_ensemble.txt";
     std::ofstream(path) << Description(samples);
 
-    // The long run takes samples as fast as the generator makes them, so
-    // that a loaded machine slows it down rather than losing samples.
-    mvdab::test::SetDevicePace(mvdab::test::kSanitized ? 0.5 : (LongTestsWanted() ? 0.0 : 6.0));
-    const double signalSeconds = LongTestsWanted() ? 60.0 : 1.2;
+    // Twice real time: the worker's ring holds four transmission frames, in
+    // modes II and III 96 ms of signal, so a faster pace on a loaded machine
+    // would have it refuse frames (which the host sees as missing
+    // superframes) whenever the worker thread waits 20 ms for a core.
+    mvdab::test::SetDevicePace(mvdab::test::kSanitized ? 0.5 : 2.0);
+    const double signalSeconds = LongTestsWanted() ? 60.0 : (mvdab::test::kSanitized ? 0.6 : 1.2);
     ASSERT_EQ(MVDAB_SetFICCallBack(OnFic), 1);
     ASSERT_EQ(MVDAB_SetMSCCallBack(OnMsc), 1);
     for (int32_t mode = 1; mode <= 4; ++mode) {
@@ -109,6 +112,8 @@ TEST(ApiDabPlus, EverySuperframeSentIsDeliveredOnceInEveryMode) {
 
         for (const DabPlusChannel& c : kChannels) {
             if (!LongTestsWanted() && kShortRunMode[c.id] != mode) continue;
+            // Under the sanitizers (half real time), one sub-channel a mode.
+            if (mvdab::test::kSanitized && !LongTestsWanted() && c.id > 5) continue;
             SCOPED_TRACE("sub-channel " + std::to_string(c.id) + ", s " + std::to_string(c.s));
             mvdab::test::SubChannelParameters p;
             ASSERT_TRUE(mvdab::test::DescribeSubChannel(d, c.id, false, &p));
@@ -156,12 +161,15 @@ TEST(ApiDabPlus, EverySuperframeSentIsDeliveredOnceInEveryMode) {
             EXPECT_GE(double(count) * 0.120, signalSeconds - 0.5) << "too little delivered";
 
             // Each superframe delivered is one sent, later than the one before:
-            // nothing altered, doubled or reordered. On a clean signal none is
-            // missing between them and none comes with bit 7; where the
-            // receiver lost the signal (a loaded machine that drops samples),
-            // the counts say how much.
+            // nothing doubled or reordered. On a clean signal none is missing
+            // between them, none comes with bit 7 and none differs from what
+            // was sent. Where the receiver lost samples (a loaded machine), the
+            // counts say how much; a superframe whose RS columns failed but
+            // whose header is intact comes without bit 7 and counts as damaged.
             const int64_t superframeBytes = 120 * c.s;
-            const int64_t sentFrames = (ficFrames.load() + 64) * kCifsPerFrame[mode] / 5 + 2;
+            // The transmitter runs on while the receiver has no lock, so more
+            // may have been sent than the FIC frames count.
+            const int64_t sentFrames = 2 * (ficFrames.load() + 64) * kCifsPerFrame[mode] / 5 + 2;
             const std::vector<uint8_t> sent = mvdab::test::SentPayload(d, c.id, sentFrames * 5);
             auto isSent = [&](const std::vector<uint8_t>& bytes, int64_t k) {
                 return std::equal(bytes.begin(), bytes.end(), sent.begin() + k * superframeBytes);
@@ -169,7 +177,9 @@ TEST(ApiDabPlus, EverySuperframeSentIsDeliveredOnceInEveryMode) {
             int64_t last = -1;
             int64_t start = -1;
             size_t flagged = 0;
+            size_t damaged = 0;
             int64_t missing = 0;
+            int64_t damagedSinceLast = 0;
             for (size_t k = first; k < deliveries.size(); ++k) {
                 if (deliveries[k].flags != c.id) {
                     ++flagged;
@@ -177,16 +187,26 @@ TEST(ApiDabPlus, EverySuperframeSentIsDeliveredOnceInEveryMode) {
                 }
                 int64_t at = last + 1;
                 while (at < sentFrames && !isSent(deliveries[k].bytes, at)) ++at;
-                ASSERT_LT(at, sentFrames) << "delivery " << k - first << " is no superframe sent after the one before";
-                if (last >= 0) missing += at - last - 1;
+                if (at == sentFrames) {
+                    int64_t earlier = 0;
+                    while (earlier <= last && !isSent(deliveries[k].bytes, earlier)) ++earlier;
+                    ASSERT_GT(earlier, last) << "delivery " << k - first << " repeats superframe " << earlier;
+                    ++damaged;
+                    ++damagedSinceLast;
+                    continue;
+                }
+                // A damaged delivery stands in for one of the superframes in between.
+                if (last >= 0) missing += std::max<int64_t>(0, at - last - 1 - damagedSinceLast);
+                damagedSinceLast = 0;
                 if (start < 0) start = at;
                 last = at;
             }
             EXPECT_EQ(flagged, 0u);
+            EXPECT_EQ(damaged, 0u);
             EXPECT_EQ(missing, 0);
-            std::printf("    mode %d, sub-channel %d (s = %d): %zu superframes from superframe %lld, %zu with bit 7, "
-                        "%lld missing\n",
-                        mode, c.id, c.s, count - flagged, static_cast<long long>(start), flagged,
+            std::printf("    mode %d, sub-channel %d (s = %d): %zu superframes from superframe %lld; %zu with bit 7, "
+                        "%zu damaged, %lld missing\n",
+                        mode, c.id, c.s, count - flagged - damaged, static_cast<long long>(start), flagged, damaged,
                         static_cast<long long>(missing));
         }
         MVDAB_CloseDevice();

@@ -169,23 +169,6 @@ TEST_F(SuperframeWorker, DeliversEachSuperframeWithItsLastLogicalFrameFromAnySta
     }
 }
 
-TEST_F(SuperframeWorker, FirecodeRemainderMatchesTheTransmitter) {
-    uint8_t sf[11] = {0x38, 0xD4, 1, 2, 3, 4, 5, 6, 7, 8, 9};
-    EXPECT_EQ(FirecodeRemainder(sf), 0);
-    sf[10] ^= 1;
-    EXPECT_NE(FirecodeRemainder(sf), 0);
-    std::mt19937 rng(3);
-    for (int n = 0; n < 200; ++n) {
-        for (auto& b : sf) b = uint8_t(rng());
-        const uint16_t fire = gen::SuperframeFirecode(sf + 2);
-        sf[0] = uint8_t(fire >> 8);
-        sf[1] = uint8_t(fire);
-        ASSERT_EQ(FirecodeRemainder(sf), 0);
-        sf[n % 11] ^= uint8_t(1 << (n % 8));
-        ASSERT_NE(FirecodeRemainder(sf), 0);
-    }
-}
-
 // The search decodes only the first min(s, 11) columns of the superframe it
 // delivers; tracking decodes all s. Five errors per column are corrected.
 TEST_F(SuperframeWorker, SearchCorrectsFirstElevenColumnsTrackingAllOfThem) {
@@ -217,6 +200,29 @@ TEST_F(SuperframeWorker, SearchCorrectsFirstElevenColumnsTrackingAllOfThem) {
             EXPECT_EQ(deliveries[k].flags, 5) << "superframe " << k;
         }
     }
+}
+
+// A wrong start whose firecode register ends with its low 8 bits clear but
+// not all 16 is no superframe: the search goes on to the right one.
+TEST_F(SuperframeWorker, SearchWantsTheWholeFirecode) {
+    Select(0, 6);
+    Stream st(6, 8, 31);
+    // The stream starts with the last logical frame of superframe 0, so the
+    // search tests that frame (a wrong start) before superframe 1.
+    const int start = 4;
+    uint8_t* wrong = st.bytes.data() + start * st.LogicalFrameBytes();
+    const uint8_t b0 = wrong[0], b1 = wrong[1];
+    bool found = false;
+    for (int pattern = 1; pattern < 65536 && !found; ++pattern) {
+        wrong[0] = uint8_t(b0 ^ (pattern >> 8));
+        wrong[1] = uint8_t(b1 ^ pattern);
+        const uint16_t r = FirecodeRemainder(wrong);
+        found = (r & 0xFF) == 0 && r != 0;
+    }
+    ASSERT_TRUE(found);
+    PushStream(st, start, 9);
+    ASSERT_EQ(deliveries.size(), 7u);
+    for (int k = 0; k < 7; ++k) EXPECT_EQ(deliveries[k].bytes, st.Audio(k + 1)) << "superframe " << k + 1;
 }
 
 // Superframes with fewer than 2 good columns are bad: three in a row are
