@@ -28,6 +28,18 @@ bool SupportedLength(int32_t length) {
     return length == 2048 || length == 512 || length == 256 || length == 1024;
 }
 
+// The checks before a plan is made, the same for both implementations.
+int32_t RefuseNewPlan(DftPlan* plan, int32_t length) {
+    if (plan == nullptr) return kDftBadArgument;
+    if (!SupportedLength(length)) return kDftBadLength;
+    if (plan->forward != nullptr || plan->backward != nullptr) return kDftBadArgument;
+    if (dftPlanFailuresPending > 0) {
+        --dftPlanFailuresPending;
+        return kDftPlannerFailed;
+    }
+    return kDftOk;
+}
+
 #if defined(MVDAB_COMPACT_FFT)
 
 // Without FFTW the plan is one CompactFft record serving both directions
@@ -43,13 +55,8 @@ int32_t Execute(DftPlan* plan, float* buffer, bool forward) {
 }  // namespace
 
 int32_t CreateDftPlan(DftPlan* plan, int32_t length) {
-    if (plan == nullptr) return kDftBadArgument;
-    if (!SupportedLength(length)) return kDftBadLength;
-    if (plan->forward != nullptr || plan->backward != nullptr) return kDftBadArgument;
-    if (dftPlanFailuresPending > 0) {
-        --dftPlanFailuresPending;
-        return kDftPlannerFailed;
-    }
+    const int32_t refusal = RefuseNewPlan(plan, length);
+    if (refusal != kDftOk) return refusal;
     auto* fft = new (std::nothrow) CompactFft;
     if (fft == nullptr) return kDftPlannerFailed;
     PrepareCompactFft(fft, length);
@@ -58,13 +65,6 @@ int32_t CreateDftPlan(DftPlan* plan, int32_t length) {
     plan->scratch = nullptr;
     plan->length = length;
     plan->committed = 0;
-    return kDftOk;
-}
-
-int32_t CommitDftPlan(DftPlan* plan) {
-    if (plan == nullptr) return kDftBadArgument;
-    if (plan->forward == nullptr || plan->backward == nullptr) return kDftNotReady;
-    plan->committed = 1;
     return kDftOk;
 }
 
@@ -107,13 +107,8 @@ int32_t Execute(DftPlan* plan, float* buffer, bool forward) {
 }  // namespace
 
 int32_t CreateDftPlan(DftPlan* plan, int32_t length) {
-    if (plan == nullptr) return kDftBadArgument;
-    if (!SupportedLength(length)) return kDftBadLength;
-    if (plan->forward != nullptr || plan->backward != nullptr) return kDftBadArgument;
-    if (dftPlanFailuresPending > 0) {
-        --dftPlanFailuresPending;
-        return kDftPlannerFailed;
-    }
+    const int32_t refusal = RefuseNewPlan(plan, length);
+    if (refusal != kDftOk) return refusal;
 
     fftwf_complex* planningBuffer = fftwf_alloc_complex(static_cast<size_t>(length));
     if (planningBuffer == nullptr) return kDftPlannerFailed;
@@ -135,13 +130,6 @@ int32_t CreateDftPlan(DftPlan* plan, int32_t length) {
     return kDftOk;
 }
 
-int32_t CommitDftPlan(DftPlan* plan) {
-    if (plan == nullptr) return kDftBadArgument;
-    if (plan->forward == nullptr || plan->backward == nullptr) return kDftNotReady;
-    plan->committed = 1;
-    return kDftOk;
-}
-
 int32_t FreeDftPlan(DftPlan* plan) {
     if (plan == nullptr) return kDftBadArgument;
     if (plan->forward != nullptr) fftwf_destroy_plan(static_cast<fftwf_plan>(plan->forward));
@@ -152,6 +140,13 @@ int32_t FreeDftPlan(DftPlan* plan) {
 }
 
 #endif
+
+int32_t CommitDftPlan(DftPlan* plan) {
+    if (plan == nullptr) return kDftBadArgument;
+    if (plan->forward == nullptr || plan->backward == nullptr) return kDftNotReady;
+    plan->committed = 1;
+    return kDftOk;
+}
 
 int32_t ForwardDft(DftPlan* plan, float* buffer) { return Execute(plan, buffer, true); }
 

@@ -1,6 +1,7 @@
 #include "emulator/sample_sources.h"
 
 #if defined(_WIN32)
+#include <fcntl.h>
 #include <io.h>
 #else
 #include <poll.h>
@@ -105,7 +106,9 @@ size_t DescriptorSource::Read(uint8_t* out, size_t count) {
     while (filled < count && !ended_ && !stop_->load()) {
 #if defined(_WIN32)
         // No poll on a Windows descriptor: a plain blocking read, so a stop
-        // is seen after the next bytes or the end of the input.
+        // is seen after the next bytes or the end of the input. Binary mode:
+        // the samples are bytes, not text.
+        _setmode(fd_, _O_BINARY);
         const int n = _read(fd_, out + filled, unsigned(count - filled));
         if (n > 0) {
             filled += size_t(n);
