@@ -1,9 +1,14 @@
 #include "demodulation/dft_service.h"
 
+#if defined(MVDAB_COMPACT_FFT)
+#include "demodulation/compact_fft.h"
+#else
 #include <fftw3.h>
+#endif
 
 #include <cmath>
 #include <cstring>
+#include <new>
 
 namespace mvdab {
 
@@ -22,6 +27,55 @@ constexpr int32_t kDftNotReady = -4;
 bool SupportedLength(int32_t length) {
     return length == 2048 || length == 512 || length == 256 || length == 1024;
 }
+
+// The checks before a plan is made, the same for both implementations.
+int32_t RefuseNewPlan(DftPlan* plan, int32_t length) {
+    if (plan == nullptr) return kDftBadArgument;
+    if (!SupportedLength(length)) return kDftBadLength;
+    if (plan->forward != nullptr || plan->backward != nullptr) return kDftBadArgument;
+    if (dftPlanFailuresPending > 0) {
+        --dftPlanFailuresPending;
+        return kDftPlannerFailed;
+    }
+    return kDftOk;
+}
+
+#if defined(MVDAB_COMPACT_FFT)
+
+// Without FFTW the plan is one CompactFft record serving both directions
+// (`forward` and `backward` point to it); it works on any buffer alignment,
+// so `scratch` stays null.
+int32_t Execute(DftPlan* plan, float* buffer, bool forward) {
+    if (plan == nullptr || buffer == nullptr) return kDftBadArgument;
+    if (plan->committed != 1 || plan->forward == nullptr) return kDftNotReady;
+    RunCompactFft(static_cast<const CompactFft*>(plan->forward), buffer, forward);
+    return kDftOk;
+}
+
+}  // namespace
+
+int32_t CreateDftPlan(DftPlan* plan, int32_t length) {
+    const int32_t refusal = RefuseNewPlan(plan, length);
+    if (refusal != kDftOk) return refusal;
+    auto* fft = new (std::nothrow) CompactFft;
+    if (fft == nullptr) return kDftPlannerFailed;
+    PrepareCompactFft(fft, length);
+    plan->forward = fft;
+    plan->backward = fft;
+    plan->scratch = nullptr;
+    plan->length = length;
+    plan->committed = 0;
+    return kDftOk;
+}
+
+int32_t FreeDftPlan(DftPlan* plan) {
+    if (plan == nullptr) return kDftBadArgument;
+    delete static_cast<CompactFft*>(plan->forward);
+    *plan = DftPlan{};
+    return kDftOk;
+}
+
+#else
 
 // The plans are made in place on an aligned buffer of their own, so that they
 // may use the SIMD kernels, and run on the caller's buffer when it has the
@@ -53,13 +107,8 @@ int32_t Execute(DftPlan* plan, float* buffer, bool forward) {
 }  // namespace
 
 int32_t CreateDftPlan(DftPlan* plan, int32_t length) {
-    if (plan == nullptr) return kDftBadArgument;
-    if (!SupportedLength(length)) return kDftBadLength;
-    if (plan->forward != nullptr || plan->backward != nullptr) return kDftBadArgument;
-    if (dftPlanFailuresPending > 0) {
-        --dftPlanFailuresPending;
-        return kDftPlannerFailed;
-    }
+    const int32_t refusal = RefuseNewPlan(plan, length);
+    if (refusal != kDftOk) return refusal;
 
     fftwf_complex* planningBuffer = fftwf_alloc_complex(static_cast<size_t>(length));
     if (planningBuffer == nullptr) return kDftPlannerFailed;
@@ -81,19 +130,21 @@ int32_t CreateDftPlan(DftPlan* plan, int32_t length) {
     return kDftOk;
 }
 
-int32_t CommitDftPlan(DftPlan* plan) {
-    if (plan == nullptr) return kDftBadArgument;
-    if (plan->forward == nullptr || plan->backward == nullptr) return kDftNotReady;
-    plan->committed = 1;
-    return kDftOk;
-}
-
 int32_t FreeDftPlan(DftPlan* plan) {
     if (plan == nullptr) return kDftBadArgument;
     if (plan->forward != nullptr) fftwf_destroy_plan(static_cast<fftwf_plan>(plan->forward));
     if (plan->backward != nullptr) fftwf_destroy_plan(static_cast<fftwf_plan>(plan->backward));
     if (plan->scratch != nullptr) fftwf_free(plan->scratch);
     *plan = DftPlan{};
+    return kDftOk;
+}
+
+#endif
+
+int32_t CommitDftPlan(DftPlan* plan) {
+    if (plan == nullptr) return kDftBadArgument;
+    if (plan->forward == nullptr || plan->backward == nullptr) return kDftNotReady;
+    plan->committed = 1;
     return kDftOk;
 }
 

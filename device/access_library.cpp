@@ -16,17 +16,25 @@ namespace {
 // is set (a path, or a file name looked for like the default), else the
 // default name. A file name is looked for first in the directory of our own
 // library file, where an installation puts its device libraries beside the
-// receiver, then by the loader's ordinary search.
+// receiver, then in the system's library directory where there is one
+// (Windows), then by the loader's ordinary search.
+void* LoadFrom(const char* directory, const char* name) {
+    char path[4096 + 256];
+    std::snprintf(path, sizeof path, "%s/%s", directory, name);
+    return platform::LoadLibrary(path);
+}
+
 void* LoadAccessModule() {
     const char* chosen = std::getenv(kDeviceLibraryVariable);
     const char* name = chosen != nullptr && chosen[0] != '\0' ? chosen : kAccessLibraryName;
-    if (std::strchr(name, '/') != nullptr) return platform::LoadLibrary(name);
+    if (std::strpbrk(name, "/\\") != nullptr) return platform::LoadLibrary(name);
     char directory[4096];
     if (platform::ModuleDirectory(reinterpret_cast<const void*>(&BindAccessLibrary), directory,
                                   sizeof directory) == 1) {
-        char path[4096 + 256];
-        std::snprintf(path, sizeof path, "%s/%s", directory, name);
-        if (void* module = platform::LoadLibrary(path)) return module;
+        if (void* module = LoadFrom(directory, name)) return module;
+    }
+    if (platform::SystemDirectory(directory, sizeof directory) == 1) {
+        if (void* module = LoadFrom(directory, name)) return module;
     }
     return platform::LoadLibrary(name);
 }

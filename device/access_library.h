@@ -13,7 +13,11 @@
 namespace mvdab {
 
 // File name of the device library on this system.
+#if defined(_WIN32)
+constexpr const char* kAccessLibraryName = "MVC900ACCESS.dll";
+#else
 constexpr const char* kAccessLibraryName = "libMVC900ACCESS.so";
+#endif
 // Environment variable that chooses another device library: a path, or a file
 // name looked for like the default one (e.g. "libMVC900ACCESS_soapy.so").
 constexpr const char* kDeviceLibraryVariable = "MVDAB_DEVICE_LIBRARY";

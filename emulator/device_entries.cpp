@@ -12,7 +12,11 @@
 #include "emulator/sample_sources.h"
 #include "emulator/sample_stream.h"
 
+#if defined(_WIN32)
+#define MVA_EXPORT extern "C" __declspec(dllexport)
+#else
 #define MVA_EXPORT extern "C" __attribute__((visibility("default")))
+#endif
 
 namespace emu {
 namespace {
@@ -110,7 +114,7 @@ MVA_EXPORT int32_t MVA_SetDABEventHandle(MVA_EventHandle* event) {
     emu::EmulatedDevice* d = device.load();
     if (d == nullptr || event == nullptr || *event < 0) return 0;
     if (d->faults.eventRegistration.Fails()) return 0;
-    return d->stream->Start(int(*event));
+    return d->stream->Start(*event);
 }
 
 MVA_EXPORT int32_t MVA_ReleaseDABEventHandle(MVA_EventHandle* event) {

@@ -1,7 +1,12 @@
 #include "emulator/sample_sources.h"
 
+#if defined(_WIN32)
+#include <fcntl.h>
+#include <io.h>
+#else
 #include <poll.h>
 #include <unistd.h>
+#endif
 
 #include <algorithm>
 #include <cerrno>
@@ -99,6 +104,19 @@ size_t DescriptorSource::Read(uint8_t* out, size_t count) {
         hasOddByte_ = false;
     }
     while (filled < count && !ended_ && !stop_->load()) {
+#if defined(_WIN32)
+        // No poll on a Windows descriptor: a plain blocking read, so a stop
+        // is seen after the next bytes or the end of the input. Binary mode:
+        // the samples are bytes, not text.
+        _setmode(fd_, _O_BINARY);
+        const int n = _read(fd_, out + filled, unsigned(count - filled));
+        if (n > 0) {
+            filled += size_t(n);
+        } else {
+            ended_ = true;
+        }
+        continue;
+#else
         pollfd p{fd_, POLLIN, 0};
         const int r = poll(&p, 1, 50);
         if (r < 0 && errno != EINTR) {
@@ -112,6 +130,7 @@ size_t DescriptorSource::Read(uint8_t* out, size_t count) {
         } else if (n == 0 || (errno != EINTR && errno != EAGAIN)) {
             ended_ = true;
         }
+#endif
     }
     if (filled & 1) {
         oddByte_ = out[filled - 1];

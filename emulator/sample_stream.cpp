@@ -1,6 +1,10 @@
 #include "emulator/sample_stream.h"
 
+#if defined(_WIN32)
+#include <windows.h>
+#else
 #include <unistd.h>
+#endif
 
 #include <algorithm>
 #include <cstdio>
@@ -37,7 +41,7 @@ void SampleStream::Tune(TunedSource source, bool settle) {
     wake_.notify_all();
 }
 
-int32_t SampleStream::Start(int eventFd) {
+int32_t SampleStream::Start(intptr_t eventFd) {
     Stop();
     {
         std::lock_guard<std::mutex> hold(lock_);
@@ -109,9 +113,13 @@ void SampleStream::Push(const uint8_t* bytes, int32_t count) {
 }
 
 void SampleStream::Signal() {
+#if defined(_WIN32)
+    ::SetEvent(reinterpret_cast<HANDLE>(eventFd_));
+#else
     const uint64_t one = 1;
     // A full counter only means the event is set already.
-    if (write(eventFd_, &one, sizeof one) < 0) return;
+    if (write(int(eventFd_), &one, sizeof one) < 0) return;
+#endif
 }
 
 int32_t SampleStream::Produce(uint8_t* out, int32_t bytes) {

@@ -51,7 +51,7 @@ public:
     void Tune(TunedSource source, bool settle = true);
     // Starts the producer, signalling descriptor `eventFd`; a running stream
     // is stopped first. 1 started, 0 when the thread can't be created.
-    int32_t Start(int eventFd);
+    int32_t Start(intptr_t eventFd);
     // Stops the producer and waits for it: once this returns the event is not
     // signalled any more. Buffered bytes are discarded.
     void Stop();
@@ -85,7 +85,7 @@ private:
     bool pendingSettle_ = false;      // the pending tuning starts with settling noise
 
     std::thread thread_;
-    int eventFd_ = -1;
+    intptr_t eventFd_ = -1;  // eventfd descriptor (Windows: event HANDLE); -1 none
     std::atomic<bool> stopping_{false};
     std::atomic<bool> running_{false};
     std::atomic<int64_t> dropped_{0};

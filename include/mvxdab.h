@@ -20,10 +20,21 @@
 
 #include <stdint.h>
 
+/* On Windows the functions are __cdecl, exported from MVXDAB.dll and
+ * imported by its hosts (MVDAB_STATIC: linked statically instead);
+ * elsewhere they have default visibility. */
 #if defined(_WIN32)
-#  define MVDAB_API __declspec(dllexport)
+#  if defined(MVDAB_BUILDING_LIBRARY)
+#    define MVDAB_API __declspec(dllexport)
+#  elif defined(MVDAB_STATIC)
+#    define MVDAB_API
+#  else
+#    define MVDAB_API __declspec(dllimport)
+#  endif
+#  define MVDAB_CALL __cdecl
 #else
 #  define MVDAB_API __attribute__((visibility("default")))
+#  define MVDAB_CALL
 #endif
 
 #ifdef __cplusplus
@@ -47,7 +58,7 @@ extern "C" {
  * FIC and plain MSC callbacks run on the demodulation thread (58.75 ms of
  * budget per step for everything); DAB+ MSC callbacks on the worker thread.
  */
-typedef void (*MVDAB_DataCallBack)(uint8_t* bytes, int32_t length, int32_t flags);
+typedef void (MVDAB_CALL *MVDAB_DataCallBack)(uint8_t* bytes, int32_t length, int32_t flags);
 /* Packet callback: (packet with header and CRC, its size, address, sub-channel id).
  * One packet of a wanted address per call, 24, 48, 72 or 96 bytes, valid for
  * the call only; after a damaged packet the bytes up to the next good one may
@@ -59,8 +70,8 @@ typedef void (*MVDAB_DataCallBack)(uint8_t* bytes, int32_t length, int32_t flags
  * `bytes` is valid for the call only.
  * MVDAB_AddServiceCom does not accept packet-mode (type 1) or T-DMB (type 2)
  * sub-channels in this version, so neither callback is called yet. */
-typedef void (*MVDAB_PacketCallBack)(uint8_t* packet, int32_t size, int32_t address, int32_t subChannelId);
-typedef void (*MVDAB_StreamDataCallBack)(uint8_t* bytes, int32_t length, int32_t flags);
+typedef void (MVDAB_CALL *MVDAB_PacketCallBack)(uint8_t* packet, int32_t size, int32_t address, int32_t subChannelId);
+typedef void (MVDAB_CALL *MVDAB_StreamDataCallBack)(uint8_t* bytes, int32_t length, int32_t flags);
 
 /* ---- Device control ---------------------------------------------------- */
 
@@ -68,47 +79,47 @@ typedef void (*MVDAB_StreamDataCallBack)(uint8_t* bytes, int32_t length, int32_t
  * the receiver's threads; the receiver waits for MVDAB_SetFreqAndBW.
  * 1 running; 2 no device; 0 any other failure (nothing is left behind).
  * A second open without a close is refused with 0 and changes nothing. */
-MVDAB_API int32_t MVDAB_OpenDevice(void);
+MVDAB_API int32_t MVDAB_CALL MVDAB_OpenDevice(void);
 /* Stops the threads and releases everything. Always 1, also when closed.
  * Takes up to about 1.1 s (the threads' longest wait). */
-MVDAB_API int32_t MVDAB_CloseDevice(void);
+MVDAB_API int32_t MVDAB_CALL MVDAB_CloseDevice(void);
 /* Restarts the flow of samples after MVDAB_Stop. 1, or 0 on a device failure. */
-MVDAB_API int32_t MVDAB_Start(void);
+MVDAB_API int32_t MVDAB_CALL MVDAB_Start(void);
 /* Stops the flow of samples and drops all services. 1, or 0 when the device
  * refused to stop (the receiver then keeps running). */
-MVDAB_API int32_t MVDAB_Stop(void);
+MVDAB_API int32_t MVDAB_CALL MVDAB_Stop(void);
 
 /* Tunes `frequencyKhz` and restarts acquisition (or, on the frequency already
  * tuned with a clean FIC, only drops the services). 1, or 0 on failure. */
-MVDAB_API int32_t MVDAB_SetFreqAndBW(int32_t frequencyKhz);
+MVDAB_API int32_t MVDAB_CALL MVDAB_SetFreqAndBW(int32_t frequencyKhz);
 
 /* ---- Status -------------------------------------------------------------- */
 
 /* *present: -1 no DAB signal found, 0 undecided, 1 frame structure found. Returns 1. */
-MVDAB_API int32_t MVDAB_GetSignalPresent(int32_t* present);
+MVDAB_API int32_t MVDAB_CALL MVDAB_GetSignalPresent(int32_t* present);
 /* Three answers: returns 1 with *locked = 1 (clean FIC), 1 with *locked = 0
  * (the search gave up), or 0 without writing (not known yet). */
-MVDAB_API int32_t MVDAB_GetSignalLock(int32_t* locked);
+MVDAB_API int32_t MVDAB_CALL MVDAB_GetSignalLock(int32_t* locked);
 /* *quality: 100 (> 10 dB), 80 (> 8 dB), 50 (> 5 dB), 30, or 0 without a signal. Returns 1. */
-MVDAB_API int32_t MVDAB_GetSignalQuality(int32_t* quality);
+MVDAB_API int32_t MVDAB_CALL MVDAB_GetSignalQuality(int32_t* quality);
 /* No measurement: does nothing and returns 0. */
-MVDAB_API int32_t MVDAB_GetSignalStrength(int32_t* strength);
+MVDAB_API int32_t MVDAB_CALL MVDAB_GetSignalStrength(int32_t* strength);
 /* *frequencyKhz = the frequency last tuned (0 after open or stop, -1 after a
  * failed tuner update); *bandwidth = 1. Returns 1. */
-MVDAB_API int32_t MVDAB_GetFreqAndBW(int32_t* frequencyKhz, int32_t* bandwidth);
+MVDAB_API int32_t MVDAB_CALL MVDAB_GetFreqAndBW(int32_t* frequencyKhz, int32_t* bandwidth);
 /* Tuner type 1: 168; type 2: 1016 (no unit); other types: returns 0, writes nothing. */
-MVDAB_API int32_t MVDAB_GetTunerRange(int32_t* range);
+MVDAB_API int32_t MVDAB_CALL MVDAB_GetTunerRange(int32_t* range);
 /* code 12 with *value 1: good-reception line follows the FIC; 0: line off.
  * Returns 1 for code 12, else 0. */
-MVDAB_API int32_t MVDAB_DebugCMD(int32_t code, int32_t* value);
+MVDAB_API int32_t MVDAB_CALL MVDAB_DebugCMD(int32_t code, int32_t* value);
 
 /* ---- Callbacks: a null pointer is refused (0) and the old one stays. ----- */
 
-MVDAB_API int32_t MVDAB_SetFICCallBack(MVDAB_DataCallBack callback);
-MVDAB_API int32_t MVDAB_SetMWFICCallBack(MVDAB_DataCallBack callback);
-MVDAB_API int32_t MVDAB_SetMSCCallBack(MVDAB_DataCallBack callback);
-MVDAB_API int32_t MVDAB_SetPacketCallBack(MVDAB_PacketCallBack callback);
-MVDAB_API int32_t MVDAB_SetStreamDataCallBack(MVDAB_StreamDataCallBack callback);
+MVDAB_API int32_t MVDAB_CALL MVDAB_SetFICCallBack(MVDAB_DataCallBack callback);
+MVDAB_API int32_t MVDAB_CALL MVDAB_SetMWFICCallBack(MVDAB_DataCallBack callback);
+MVDAB_API int32_t MVDAB_CALL MVDAB_SetMSCCallBack(MVDAB_DataCallBack callback);
+MVDAB_API int32_t MVDAB_CALL MVDAB_SetPacketCallBack(MVDAB_PacketCallBack callback);
+MVDAB_API int32_t MVDAB_CALL MVDAB_SetStreamDataCallBack(MVDAB_StreamDataCallBack callback);
 
 /* ---- Services -------------------------------------------------------------
  * type 0: plain sub-channel; type 3: DAB+ audio. Parameters as in FIG 0/1:
@@ -125,18 +136,18 @@ MVDAB_API int32_t MVDAB_SetStreamDataCallBack(MVDAB_StreamDataCallBack callback)
 
 /* 1 accepted; 5 this sub-channel is already requested; 0 refused (also a
  * DAB+ sub-channel above 192 kbit/s). */
-MVDAB_API int32_t MVDAB_AddServiceCom(int8_t type, int8_t subChannelId, int16_t startAddress,
+MVDAB_API int32_t MVDAB_CALL MVDAB_AddServiceCom(int8_t type, int8_t subChannelId, int16_t startAddress,
                                       int8_t longForm, int8_t tableIndex, int8_t optionAndLevel,
                                       int16_t subChannelSize, int16_t packetAddress, int8_t fecScheme);
 /* 1 deleted; 4 no such sub-channel (or closed); 0 a retune is pending. */
-MVDAB_API int32_t MVDAB_DelServiceCom(int32_t type, int8_t subChannelId, int16_t packetAddress);
+MVDAB_API int32_t MVDAB_CALL MVDAB_DelServiceCom(int32_t type, int8_t subChannelId, int16_t packetAddress);
 /* Announces a change of the sub-channel's organisation at the CIF whose count
  * modulo 250 is changeCifLow (the new parameters are checked as by
  * MVDAB_AddServiceCom). The CIFs before it are decoded with the old
  * parameters, the frame after the change with the new ones; a retune or
  * service reset before it drops the change with the service. 1 announced;
  * 0 refused. */
-MVDAB_API int32_t MVDAB_ChangeSCOrg(int8_t type, int8_t subChannelId, int16_t startAddress,
+MVDAB_API int32_t MVDAB_CALL MVDAB_ChangeSCOrg(int8_t type, int8_t subChannelId, int16_t startAddress,
                                     int8_t longForm, int8_t tableIndex, int8_t optionAndLevel,
                                     int16_t subChannelSize, int16_t packetAddress, int8_t fecScheme,
                                     int8_t changeCifHigh, int8_t changeCifLow);

@@ -13,8 +13,14 @@ namespace platform {
 // before a wait count as one. On Linux the event is an eventfd, so that a
 // device library in another module can signal it with a plain write() of an
 // 8-byte 1, knowing nothing of this layer (see device/access_library.h).
+// On Windows it is a Win32 auto-reset event that the device library sets
+// with SetEvent.
 struct Event {
+#if defined(_WIN32)
+    void* handle = nullptr;  // Win32 event HANDLE; null while not created
+#else
     int fd = -1;  // eventfd descriptor; -1 while not created
+#endif
 };
 
 int  CreateEvent(Event* event);        // 1 created, not signalled; 0 failure
@@ -31,7 +37,7 @@ intptr_t NativeEventHandle(const Event* event);
 enum class ThreadPriority { Normal, HighestNormal, TimeCritical };
 
 struct Thread {
-    uintptr_t handle = 0;   // pthread_t while running, 0 when none
+    uintptr_t handle = 0;   // pthread_t (Win32: thread HANDLE) while running, 0 when none
     int64_t   id = 0;       // kernel thread id, for diagnostics; 0 before it has run
 };
 
@@ -48,7 +54,7 @@ int  SetCurrentThreadPriority(ThreadPriority priority);
 // ---------------------------------------------------------------------------
 // One critical section kind: a non-recursive mutex.
 struct CriticalSection {
-    void* mutex = nullptr;  // owned pthread mutex; null while not initialised
+    void* mutex = nullptr;  // owned pthread mutex (Win32: CRITICAL_SECTION); null while not initialised
 };
 
 int  InitCriticalSection(CriticalSection* section);  // 1 or 0
@@ -65,5 +71,9 @@ void  FreeLibrary(void* library);
 // the MVXDAB library file itself), with no trailing slash. Writes at most
 // `capacity` bytes including the terminator. 1 or 0.
 int   ModuleDirectory(const void* address, char* out, int32_t capacity);
+// The system's own library directory, searched after the receiver's own
+// directory (Windows: GetSystemDirectoryA). 0 where the system has no such
+// single directory (POSIX, where the loader's search covers it).
+int   SystemDirectory(char* out, int32_t capacity);
 
 }  // namespace platform

@@ -183,4 +183,10 @@ int ModuleDirectory(const void* address, char* out, int32_t capacity) {
     return 1;
 }
 
+int SystemDirectory(char* out, int32_t capacity) {
+    (void)out;
+    (void)capacity;
+    return 0;
+}
+
 }  // namespace platform

@@ -16,19 +16,19 @@ int32_t Install(std::atomic<Callback>& slot, Callback callback) {
 
 extern "C" {
 
-MVDAB_API int32_t MVDAB_SetFICCallBack(MVDAB_DataCallBack callback) {
+MVDAB_API int32_t MVDAB_CALL MVDAB_SetFICCallBack(MVDAB_DataCallBack callback) {
     return Install(mvdab::ficCallback, callback);
 }
-MVDAB_API int32_t MVDAB_SetMWFICCallBack(MVDAB_DataCallBack callback) {
+MVDAB_API int32_t MVDAB_CALL MVDAB_SetMWFICCallBack(MVDAB_DataCallBack callback) {
     return Install(mvdab::mwFicCallback, callback);
 }
-MVDAB_API int32_t MVDAB_SetMSCCallBack(MVDAB_DataCallBack callback) {
+MVDAB_API int32_t MVDAB_CALL MVDAB_SetMSCCallBack(MVDAB_DataCallBack callback) {
     return Install(mvdab::mscCallback, callback);
 }
-MVDAB_API int32_t MVDAB_SetPacketCallBack(MVDAB_PacketCallBack callback) {
+MVDAB_API int32_t MVDAB_CALL MVDAB_SetPacketCallBack(MVDAB_PacketCallBack callback) {
     return Install(mvdab::packetCallback, callback);
 }
-MVDAB_API int32_t MVDAB_SetStreamDataCallBack(MVDAB_StreamDataCallBack callback) {
+MVDAB_API int32_t MVDAB_CALL MVDAB_SetStreamDataCallBack(MVDAB_StreamDataCallBack callback) {
     return Install(mvdab::streamDataCallback, callback);
 }
 

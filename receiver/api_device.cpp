@@ -5,10 +5,10 @@
 
 extern "C" {
 
-MVDAB_API int32_t MVDAB_OpenDevice(void) { return mvdab::OpenReceiver(); }
-MVDAB_API int32_t MVDAB_CloseDevice(void) { return mvdab::CloseReceiver(); }
-MVDAB_API int32_t MVDAB_Start(void) { return mvdab::StartSamples(); }
-MVDAB_API int32_t MVDAB_Stop(void) { return mvdab::StopSamples(); }
-MVDAB_API int32_t MVDAB_SetFreqAndBW(int32_t frequencyKhz) { return mvdab::SetFrequency(frequencyKhz); }
+MVDAB_API int32_t MVDAB_CALL MVDAB_OpenDevice(void) { return mvdab::OpenReceiver(); }
+MVDAB_API int32_t MVDAB_CALL MVDAB_CloseDevice(void) { return mvdab::CloseReceiver(); }
+MVDAB_API int32_t MVDAB_CALL MVDAB_Start(void) { return mvdab::StartSamples(); }
+MVDAB_API int32_t MVDAB_CALL MVDAB_Stop(void) { return mvdab::StopSamples(); }
+MVDAB_API int32_t MVDAB_CALL MVDAB_SetFreqAndBW(int32_t frequencyKhz) { return mvdab::SetFrequency(frequencyKhz); }
 
 }  // extern "C"

@@ -22,9 +22,21 @@ float PowerOfTwo(int32_t exponent) { return float(std::pow(2.0, double(exponent)
 
 void* AllocateBlock(size_t bytes) {
     // Both sizes are multiples of 64, as the aligned allocation requires.
+#if defined(_WIN32)
+    void* block = _aligned_malloc(bytes, 64);  // Windows has no aligned_alloc
+#else
     void* block = std::aligned_alloc(64, bytes);
+#endif
     if (block != nullptr) std::memset(block, 0, bytes);
     return block;
+}
+
+void FreeBlock(void* block) {
+#if defined(_WIN32)
+    _aligned_free(block);
+#else
+    std::free(block);
+#endif
 }
 
 }  // namespace
@@ -73,7 +85,7 @@ int32_t InitReceiverState() {
     if (w.workingPool == nullptr) return 0;
     w.deinterleaveStore = static_cast<uint8_t*>(AllocateBlock(kDeinterleaveStoreBytes));
     if (w.deinterleaveStore == nullptr) {
-        std::free(w.workingPool);
+        FreeBlock(w.workingPool);
         w.workingPool = nullptr;
         return 0;
     }
@@ -112,8 +124,8 @@ void FreeReceiverState() {
     w.newestSlot = w.middleSlot = w.oldestSlot = w.historyBase = nullptr;
     w.powerEnvelope = nullptr;
     w.filterI = w.filterQ = nullptr;
-    std::free(w.workingPool);
-    std::free(w.deinterleaveStore);
+    FreeBlock(w.workingPool);
+    FreeBlock(w.deinterleaveStore);
     w.workingPool = nullptr;
     w.deinterleaveStore = nullptr;
     pipeline.acquisitionState = -2;

@@ -19,7 +19,12 @@
 #include <thread>
 #include <vector>
 
+#if defined(_WIN32)
+#define NOMINMAX
+#include <windows.h>
+#else
 #include <sys/resource.h>
+#endif
 
 #include "ensemble_wait.h"
 #include "fic_queue.h"
@@ -48,10 +53,18 @@ void OnInterrupt(int) { interrupted = 1; }
 double Seconds(Clock::duration d) { return std::chrono::duration<double>(d).count(); }
 
 double CpuSeconds() {
+#if defined(_WIN32)
+    FILETIME created, exited, kernel, user;
+    if (!GetProcessTimes(GetCurrentProcess(), &created, &exited, &kernel, &user)) return 0.0;
+    // FILETIME counts 100 ns.
+    auto seconds = [](FILETIME t) { return 1e-7 * double((uint64_t(t.dwHighDateTime) << 32) | t.dwLowDateTime); };
+    return seconds(kernel) + seconds(user);
+#else
     rusage usage{};
     getrusage(RUSAGE_SELF, &usage);
     return double(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
            1e-6 * double(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec);
+#endif
 }
 
 StatusSnapshot ReadStatus(double elapsed) {
@@ -347,7 +360,9 @@ int main(int argc, char** argv) {
     std::signal(SIGINT, OnInterrupt);
     // A reader of standard output that goes away (a player that was closed)
     // shows as a failed write, which ends the reception in order.
+#if defined(SIGPIPE)
     std::signal(SIGPIPE, SIG_IGN);
+#endif
     std::signal(SIGTERM, OnInterrupt);
     MVDAB_SetFICCallBack(OnFic);
 
