@@ -44,6 +44,9 @@ uint32_t JoinThread(Thread* thread);
 // Best effort: without the privilege the thread stays at normal priority and
 // the call still returns 1. Applies to the calling thread.
 int  SetCurrentThreadPriority(ThreadPriority priority);
+// Names the calling thread for the system's tools (top -H, ps -L, debuggers).
+// Names longer than 15 characters are cut. Best effort: 1 or 0.
+int  SetCurrentThreadName(const char* name);
 
 // ---------------------------------------------------------------------------
 // One critical section kind: a non-recursive mutex.

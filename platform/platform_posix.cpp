@@ -128,6 +128,15 @@ int SetCurrentThreadPriority(ThreadPriority priority) {
     return 1;
 }
 
+int SetCurrentThreadName(const char* name) {
+    if (name == nullptr) return 0;
+    // The kernel keeps 15 characters and the terminator.
+    char shortName[16];
+    strncpy(shortName, name, sizeof shortName - 1);
+    shortName[sizeof shortName - 1] = '\0';
+    return pthread_setname_np(pthread_self(), shortName) == 0 ? 1 : 0;
+}
+
 int InitCriticalSection(CriticalSection* section) {
     if (section == nullptr) return 0;
     auto* m = new (std::nothrow) pthread_mutex_t;

@@ -54,6 +54,7 @@ void LeaveIfInitialised(platform::CriticalSection* section) {
 
 uint32_t CaptureThread() {
     MarkReceiverThread();
+    platform::SetCurrentThreadName("mvdab-capture");
     platform::SetCurrentThreadPriority(platform::ThreadPriority::TimeCritical);
     while (receiverRunning != 0) {
         if (platform::WaitEvent(&deviceEvent, kCaptureWaitMs) != 1) continue;
@@ -65,6 +66,7 @@ uint32_t CaptureThread() {
 
 uint32_t DemodulationThread() {
     MarkReceiverThread();
+    platform::SetCurrentThreadName("mvdab-demod");
     platform::SetCurrentThreadPriority(platform::ThreadPriority::HighestNormal);
     while (receiverRunning != 0) {
         if (platform::WaitEvent(&frameEvent, kDemodulationWaitMs) != 1) continue;
@@ -81,6 +83,7 @@ uint32_t DemodulationThread() {
 
 uint32_t WorkerThread() {
     MarkReceiverThread();
+    platform::SetCurrentThreadName("mvdab-worker");
     platform::SetCurrentThreadPriority(platform::ThreadPriority::HighestNormal);
     while (receiverRunning != 0) {
         if (platform::WaitEvent(&workerEvent, kWorkerWaitMs) != 1) continue;
