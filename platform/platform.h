@@ -26,6 +26,9 @@ int  WaitEvent(Event* event, int32_t timeoutMs);
 // The value a device library gets for the event: the descriptor it signals.
 intptr_t NativeEventHandle(const Event* event);
 
+// Milliseconds of a monotonic clock with an arbitrary origin.
+int64_t MonotonicMs();
+
 // ---------------------------------------------------------------------------
 // Threads. The routine receives no parameter, like the receiver's threads.
 enum class ThreadPriority { Normal, HighestNormal, TimeCritical };

@@ -19,6 +19,7 @@ platform::Event deviceEvent;
 platform::Event frameEvent;
 platform::Event workerEvent;
 platform::Event requestMailbox;
+platform::Event captureHoldEvent;
 platform::CriticalSection workerLock;
 platform::CriticalSection frameStepLock;
 platform::CriticalSection handOverLock;
@@ -98,10 +99,16 @@ uint32_t CaptureThread() {
     MarkReceiverThread();
     platform::SetCurrentThreadName("mvdab-capture");
     platform::SetCurrentThreadPriority(platform::ThreadPriority::TimeCritical);
+    CapturePacing pacing = kCapturePacingStart;
     while (receiverRunning != 0) {
         if (platform::WaitEvent(&deviceEvent, kCaptureWaitMs) != 1) continue;
         if (receiverRunning == 0) break;
-        CaptureDeviceData();
+        const int32_t read = CaptureDeviceData();
+        // Only a close sets the hold event: it ends the hold at once.
+        const int64_t now = platform::MonotonicMs();
+        if (const int32_t holdMs = NextCaptureHold(&pacing, read, captureBuffers.remaining, now)) {
+            platform::WaitEvent(&captureHoldEvent, holdMs);
+        }
     }
     return 1;
 }
@@ -177,6 +184,7 @@ void Unwind(bool closing) {
     platform::SetEvent(&workerEvent);
     platform::SetEvent(&frameEvent);
     platform::SetEvent(&deviceEvent);
+    platform::SetEvent(&captureHoldEvent);
     JoinAndClear(&receiverThreads.worker);
     JoinAndClear(&receiverThreads.demodulation);
     FreeReceiverState();
@@ -184,6 +192,7 @@ void Unwind(bool closing) {
     platform::DeleteCriticalSection(&workerLock);
     platform::CloseEvent(&workerEvent);
     JoinAndClear(&receiverThreads.capture);
+    platform::CloseEvent(&captureHoldEvent);
     FreeCaptureBuffers();
     platform::DeleteCriticalSection(&handOverLock);
     platform::DeleteCriticalSection(&frameStepLock);
@@ -229,6 +238,7 @@ int32_t OpenSteps() {
     if (platform::InitCriticalSection(&handOverLock) != 1) return FailOpen(kOpenFailed);
     if (platform::InitCriticalSection(&frameStepLock) != 1) return FailOpen(kOpenFailed);
     if (platform::CreateEvent(&frameEvent) != 1) return FailOpen(kOpenFailed);
+    if (platform::CreateEvent(&captureHoldEvent) != 1) return FailOpen(kOpenFailed);
     if (platform::CreateThread(&receiverThreads.capture, CaptureThread) != 1) return FailOpen(kOpenFailed);
     if (platform::InitCriticalSection(&workerLock) != 1) return FailOpen(kOpenFailed);
     if (platform::CreateEvent(&workerEvent) != 1) return FailOpen(kOpenFailed);
