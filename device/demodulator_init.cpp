@@ -4,7 +4,7 @@
 
 namespace mvdab {
 
-int32_t tunerType;
+std::atomic<int32_t> tunerType;
 
 namespace {
 

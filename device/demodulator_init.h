@@ -2,13 +2,14 @@
 // with a part that depends on the tuner type.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 namespace mvdab {
 
 // Tuner type delivered by the device at open (known: 1..6, 13, 14); 0 while
-// the device is closed.
-extern int32_t tunerType;
+// the device is closed. Read without a lock by the tuner range query.
+extern std::atomic<int32_t> tunerType;
 
 // One register field: bits msb..lsb of register `addr` on `page`.
 struct RegisterField {

@@ -10,6 +10,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "platform/platform.h"
+
 namespace emu {
 
 namespace {
@@ -164,6 +166,7 @@ int32_t SampleStream::Produce(uint8_t* out, int32_t bytes) {
 }
 
 void SampleStream::Run() {
+    platform::SetCurrentThreadName("mvc900-stream");
     std::vector<uint8_t> transfer(kLargestTransfer);
     uint32_t sizeState = 0x1234567u;
     const double bytesPerSecond = settings_.speed * kSampleRate * kBytesPerSample;

@@ -3,8 +3,26 @@
  *
  * One receiver per process; no handles. Every function returns a 32-bit
  * integer: 1 success, 0 failure, and a few further values documented below.
- * All functions may be called from any host thread; none may be called from
- * inside a callback except the service commands and MVDAB_SetFreqAndBW.
+ *
+ * Threads. Every function may be called from any host thread at any time,
+ * also while another thread opens or closes the receiver:
+ *  - MVDAB_OpenDevice and MVDAB_CloseDevice are serialised against each
+ *    other. An open that finds another open running or done returns 0 and
+ *    changes nothing; an open that finds a close running waits for it, then
+ *    opens. A close that finds an open running waits for it, then closes; a
+ *    close that finds another close running waits for it and returns 1.
+ *  - The calls that reach the device or the receiver's state (MVDAB_Start,
+ *    MVDAB_Stop, MVDAB_SetFreqAndBW, MVDAB_DebugCMD and the service
+ *    commands) are either finished before a close releases anything, or
+ *    give their closed answer: a close waits for those already running and
+ *    turns new ones away. While an open is still running they give their
+ *    closed answer as well.
+ *  - The status queries take no lock; while closed they return 0.
+ *  - Inside a callback (on a receiver thread): MVDAB_CloseDevice,
+ *    MVDAB_Stop and MVDAB_OpenDevice do nothing and return 0, since they
+ *    would wait for the thread they run on. The service commands,
+ *    MVDAB_SetFreqAndBW, MVDAB_Start, MVDAB_DebugCMD and the queries work
+ *    there as on any other thread.
  *
  * Normal order for a host:
  *   set the callbacks; MVDAB_OpenDevice; MVDAB_SetFreqAndBW;
@@ -78,15 +96,18 @@ typedef void (MVDAB_CALL *MVDAB_StreamDataCallBack)(uint8_t* bytes, int32_t leng
 /* Loads the device library, starts streaming, programs the device and starts
  * the receiver's threads; the receiver waits for MVDAB_SetFreqAndBW.
  * 1 running; 2 no device; 0 any other failure (nothing is left behind).
- * A second open without a close is refused with 0 and changes nothing. */
+ * A second open without a close, or one while another open runs, is refused
+ * with 0 and changes nothing. */
 MVDAB_API int32_t MVDAB_CALL MVDAB_OpenDevice(void);
-/* Stops the threads and releases everything. Always 1, also when closed.
- * Takes up to about 1.1 s (the threads' longest wait). */
+/* Stops the threads and releases everything. 1, also when closed; 0 only
+ * inside a callback, where it does nothing. Waits for calls of other threads
+ * that are running into the device, then for the threads' current step. */
 MVDAB_API int32_t MVDAB_CALL MVDAB_CloseDevice(void);
 /* Restarts the flow of samples after MVDAB_Stop. 1, or 0 on a device failure. */
 MVDAB_API int32_t MVDAB_CALL MVDAB_Start(void);
-/* Stops the flow of samples and drops all services. 1, or 0 when the device
- * refused to stop (the receiver then keeps running). */
+/* Stops the flow of samples and drops all services. 1, also when closed; 0
+ * when the device refused to stop (the receiver then keeps running) or
+ * inside a callback. */
 MVDAB_API int32_t MVDAB_CALL MVDAB_Stop(void);
 
 /* Tunes `frequencyKhz` and restarts acquisition (or, on the frequency already
@@ -109,8 +130,9 @@ MVDAB_API int32_t MVDAB_CALL MVDAB_GetSignalStrength(int32_t* strength);
 MVDAB_API int32_t MVDAB_CALL MVDAB_GetFreqAndBW(int32_t* frequencyKhz, int32_t* bandwidth);
 /* Tuner type 1: 168; type 2: 1016 (no unit); other types: returns 0, writes nothing. */
 MVDAB_API int32_t MVDAB_CALL MVDAB_GetTunerRange(int32_t* range);
-/* code 12 with *value 1: good-reception line follows the FIC; 0: line off.
- * Returns 1 for code 12, else 0. */
+/* code 12 with *value 1: good-reception line follows the FIC; 0: line off
+ * (the switch is kept while closed; the line is switched on an open device).
+ * Returns 1 for code 12 in every state, else 0 (also for a null value). */
 MVDAB_API int32_t MVDAB_CALL MVDAB_DebugCMD(int32_t code, int32_t* value);
 
 /* ---- Callbacks: a null pointer is refused (0) and the old one stays. ----- */

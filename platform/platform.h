@@ -32,6 +32,9 @@ int  WaitEvent(Event* event, int32_t timeoutMs);
 // The value a device library gets for the event: the descriptor it signals.
 intptr_t NativeEventHandle(const Event* event);
 
+// Milliseconds of a monotonic clock with an arbitrary origin.
+int64_t MonotonicMs();
+
 // ---------------------------------------------------------------------------
 // Threads. The routine receives no parameter, like the receiver's threads.
 enum class ThreadPriority { Normal, HighestNormal, TimeCritical };
@@ -50,6 +53,9 @@ uint32_t JoinThread(Thread* thread);
 // Best effort: without the privilege the thread stays at normal priority and
 // the call still returns 1. Applies to the calling thread.
 int  SetCurrentThreadPriority(ThreadPriority priority);
+// Names the calling thread for the system's tools (top -H, ps -L, debuggers).
+// Names longer than 15 characters are cut. Best effort: 1 or 0.
+int  SetCurrentThreadName(const char* name);
 
 // ---------------------------------------------------------------------------
 // One critical section kind: a non-recursive mutex.

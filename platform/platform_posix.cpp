@@ -39,7 +39,7 @@ int SetEvent(Event* event) {
     return (n == sizeof one || errno == EAGAIN) ? 1 : 0;
 }
 
-static int64_t NowMs() {
+int64_t MonotonicMs() {
     timespec ts;
     clock_gettime(CLOCK_MONOTONIC, &ts);
     return int64_t(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
@@ -47,7 +47,7 @@ static int64_t NowMs() {
 
 int WaitEvent(Event* event, int32_t timeoutMs) {
     if (event == nullptr || event->fd < 0) return -1;
-    const int64_t deadline = timeoutMs < 0 ? -1 : NowMs() + timeoutMs;
+    const int64_t deadline = timeoutMs < 0 ? -1 : MonotonicMs() + timeoutMs;
     for (;;) {
         uint64_t count;
         // Reading resets the counter: this is what makes the event auto-reset.
@@ -55,7 +55,7 @@ int WaitEvent(Event* event, int32_t timeoutMs) {
         if (errno != EAGAIN && errno != EINTR) return -1;
         int wait = -1;
         if (deadline >= 0) {
-            int64_t left = deadline - NowMs();
+            int64_t left = deadline - MonotonicMs();
             if (left <= 0) return 0;
             wait = int(left);
         }
@@ -126,6 +126,15 @@ int SetCurrentThreadPriority(ThreadPriority priority) {
         setpriority(PRIO_PROCESS, pid_t(syscall(SYS_gettid)), -2);
     }
     return 1;
+}
+
+int SetCurrentThreadName(const char* name) {
+    if (name == nullptr) return 0;
+    // The kernel keeps 15 characters and the terminator.
+    char shortName[16];
+    strncpy(shortName, name, sizeof shortName - 1);
+    shortName[sizeof shortName - 1] = '\0';
+    return pthread_setname_np(pthread_self(), shortName) == 0 ? 1 : 0;
 }
 
 int InitCriticalSection(CriticalSection* section) {

@@ -52,9 +52,16 @@ int32_t GatherIqBytes(CaptureBuffers* c, const uint8_t* bytes, int32_t count, Iq
 }
 
 void HandOverIqFrame(const uint8_t* frame) {
+    CaptureBuffers& c = captureBuffers;
     EnterIfInitialised(&handOverLock);
-    if (captureBuffers.handOverBuffer != nullptr) {
-        std::memcpy(captureBuffers.handOverBuffer, frame, kIqFrameBytes);
+    if (c.handOverBuffer != nullptr && frame == c.gatheringBuffer) {
+        // The demodulation thread reads the hand-over buffer only under the
+        // lock, so the exchange gives it the newest IqFrame without a copy.
+        uint8_t* finished = c.gatheringBuffer;
+        c.gatheringBuffer = c.handOverBuffer;
+        c.handOverBuffer = finished;
+    } else if (c.handOverBuffer != nullptr) {
+        std::memcpy(c.handOverBuffer, frame, kIqFrameBytes);
     }
     LeaveIfInitialised(&handOverLock);
     platform::SetEvent(&frameEvent);
@@ -78,7 +85,31 @@ int32_t CaptureDeviceData() {
     // hold, never more.
     if (count < 0) count = 0;
     if (count > kReadBufferBytes) count = kReadBufferBytes;
-    return GatherIqBytes(&c, c.readBuffer, count, HandOverIqFrame);
+    GatherIqBytes(&c, c.readBuffer, count, HandOverIqFrame);
+    return count;
+}
+
+int32_t NextCaptureHold(CapturePacing* pacing, int32_t readBytes, int32_t remainingBytes, int64_t nowMs) {
+    constexpr int32_t kRealTimeBytesPerMs = 4096;  // 2,048 samples of 2 bytes
+    CapturePacing& p = *pacing;
+    if (p.windowStartMs < 0) p.windowStartMs = nowMs;
+    p.windowBytes += readBytes;
+    const int64_t elapsed = nowMs - p.windowStartMs;
+    if (elapsed >= kCaptureRateWindowMs) {
+        p.bytesPerMs = int32_t(p.windowBytes / elapsed);
+        p.windowStartMs = nowMs;
+        p.windowBytes = 0;
+    }
+    if (p.bytesPerMs == 0 || readBytes >= kReadBufferBytes) return 0;
+    // A device slower than real time (or paused) is counted at real time:
+    // the holds are then shorter than they could be, never longer.
+    const int32_t rate = p.bytesPerMs > kRealTimeBytesPerMs ? p.bytesPerMs : kRealTimeBytesPerMs;
+    const int32_t missingMs = remainingBytes / rate;
+    if (missingMs < kShortestCaptureHoldMs) return 0;
+    int32_t hold = missingMs + kCaptureHoldMarginMs;
+    const int32_t fillMs = 3 * (kReadBufferBytes / 4) / rate;
+    if (hold > fillMs) hold = fillMs;
+    return hold < kLongestCaptureHoldMs ? hold : kLongestCaptureHoldMs;
 }
 
 }  // namespace mvdab

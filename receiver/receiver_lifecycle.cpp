@@ -19,6 +19,7 @@ platform::Event deviceEvent;
 platform::Event frameEvent;
 platform::Event workerEvent;
 platform::Event requestMailbox;
+platform::Event captureHoldEvent;
 platform::CriticalSection workerLock;
 platform::CriticalSection frameStepLock;
 platform::CriticalSection handOverLock;
@@ -31,6 +32,34 @@ ReceiverThreads receiverThreads;
 namespace {
 thread_local bool onReceiverThread = false;
 
+// The lifecycle: closed -> opening -> open or closed; open -> closing ->
+// closed. Every change is published with notify_all, for opens and closes
+// that wait for one another.
+enum : int32_t { kClosed, kOpening, kOpen, kClosing };
+std::atomic<int32_t> lifecycleState{kClosed};
+// Exported calls between EnterReceiverCall and LeaveReceiverCall, counted
+// also for the moment in which a refused call looks at the state.
+std::atomic<int32_t> callsInFlight{0};
+
+void PublishState(int32_t state) {
+    lifecycleState.store(state);
+    lifecycleState.notify_all();
+}
+
+// Moves the state from `from` to `to`, waiting while it holds one of the
+// passing states. False when it holds any other state: nothing moved.
+bool MoveState(int32_t from, int32_t to, int32_t passing1, int32_t passing2) {
+    for (;;) {
+        int32_t found = lifecycleState.load();
+        if (found == passing1 || found == passing2) {
+            lifecycleState.wait(found);
+            continue;
+        }
+        if (found != from) return false;
+        if (lifecycleState.compare_exchange_weak(found, to)) return true;
+    }
+}
+
 // Longest waits of the threads, ms.
 constexpr int32_t kCaptureWaitMs = 300;
 constexpr int32_t kDemodulationWaitMs = 300;
@@ -38,6 +67,20 @@ constexpr int32_t kWorkerWaitMs = 1000;
 }  // namespace
 
 bool OnReceiverThread() { return onReceiverThread; }
+
+// The count goes up before the state is read, and a close changes the state
+// before it reads the count (both sequentially consistent): either the call
+// sees the close and backs out, or the close sees the call and waits for it.
+bool EnterReceiverCall() {
+    callsInFlight.fetch_add(1);
+    if (lifecycleState.load() == kOpen) return true;
+    LeaveReceiverCall();
+    return false;
+}
+
+void LeaveReceiverCall() {
+    if (callsInFlight.fetch_sub(1) == 1 && lifecycleState.load() == kClosing) callsInFlight.notify_all();
+}
 void MarkReceiverThread() { onReceiverThread = true; }
 
 void EnterIfInitialised(platform::CriticalSection* section) {
@@ -54,17 +97,25 @@ void LeaveIfInitialised(platform::CriticalSection* section) {
 
 uint32_t CaptureThread() {
     MarkReceiverThread();
+    platform::SetCurrentThreadName("mvdab-capture");
     platform::SetCurrentThreadPriority(platform::ThreadPriority::TimeCritical);
+    CapturePacing pacing = kCapturePacingStart;
     while (receiverRunning != 0) {
         if (platform::WaitEvent(&deviceEvent, kCaptureWaitMs) != 1) continue;
         if (receiverRunning == 0) break;
-        CaptureDeviceData();
+        const int32_t read = CaptureDeviceData();
+        // Only a close sets the hold event: it ends the hold at once.
+        const int64_t now = platform::MonotonicMs();
+        if (const int32_t holdMs = NextCaptureHold(&pacing, read, captureBuffers.remaining, now)) {
+            platform::WaitEvent(&captureHoldEvent, holdMs);
+        }
     }
     return 1;
 }
 
 uint32_t DemodulationThread() {
     MarkReceiverThread();
+    platform::SetCurrentThreadName("mvdab-demod");
     platform::SetCurrentThreadPriority(platform::ThreadPriority::HighestNormal);
     while (receiverRunning != 0) {
         if (platform::WaitEvent(&frameEvent, kDemodulationWaitMs) != 1) continue;
@@ -81,6 +132,7 @@ uint32_t DemodulationThread() {
 
 uint32_t WorkerThread() {
     MarkReceiverThread();
+    platform::SetCurrentThreadName("mvdab-worker");
     platform::SetCurrentThreadPriority(platform::ThreadPriority::HighestNormal);
     while (receiverRunning != 0) {
         if (platform::WaitEvent(&workerEvent, kWorkerWaitMs) != 1) continue;
@@ -132,6 +184,7 @@ void Unwind(bool closing) {
     platform::SetEvent(&workerEvent);
     platform::SetEvent(&frameEvent);
     platform::SetEvent(&deviceEvent);
+    platform::SetEvent(&captureHoldEvent);
     JoinAndClear(&receiverThreads.worker);
     JoinAndClear(&receiverThreads.demodulation);
     FreeReceiverState();
@@ -139,6 +192,7 @@ void Unwind(bool closing) {
     platform::DeleteCriticalSection(&workerLock);
     platform::CloseEvent(&workerEvent);
     JoinAndClear(&receiverThreads.capture);
+    platform::CloseEvent(&captureHoldEvent);
     FreeCaptureBuffers();
     platform::DeleteCriticalSection(&handOverLock);
     platform::DeleteCriticalSection(&frameStepLock);
@@ -162,12 +216,8 @@ int32_t FailOpen(int32_t code) {
     return code;
 }
 
-}  // namespace
-
-int32_t OpenReceiver() {
-    // No guard is given by the device library against a second open; a
-    // running receiver refuses it and stays as it is.
-    if (receiverRunning != 0 || accessLibraryLoaded != 0) return kOpenFailed;
+// The steps of an open, in their order; any failure unwinds what exists.
+int32_t OpenSteps() {
     receiverThreads = ReceiverThreads{};
     if (BindAccessLibrary() != 1) return FailOpen(kOpenFailed);
     accessLibraryLoaded = 1;
@@ -188,6 +238,7 @@ int32_t OpenReceiver() {
     if (platform::InitCriticalSection(&handOverLock) != 1) return FailOpen(kOpenFailed);
     if (platform::InitCriticalSection(&frameStepLock) != 1) return FailOpen(kOpenFailed);
     if (platform::CreateEvent(&frameEvent) != 1) return FailOpen(kOpenFailed);
+    if (platform::CreateEvent(&captureHoldEvent) != 1) return FailOpen(kOpenFailed);
     if (platform::CreateThread(&receiverThreads.capture, CaptureThread) != 1) return FailOpen(kOpenFailed);
     if (platform::InitCriticalSection(&workerLock) != 1) return FailOpen(kOpenFailed);
     if (platform::CreateEvent(&workerEvent) != 1) return FailOpen(kOpenFailed);
@@ -202,10 +253,29 @@ int32_t OpenReceiver() {
     return kOpenRunning;
 }
 
+}  // namespace
+
+int32_t OpenReceiver() {
+    // A receiver thread exists only while the receiver is open or closing;
+    // there an open would wait for the close that is joining its thread.
+    if (OnReceiverThread()) return kOpenFailed;
+    // The device library gives no guard against a second open: the state
+    // does. Only the thread that moved it to opening runs the steps.
+    if (!MoveState(kClosed, kOpening, kClosing, kClosing)) return kOpenFailed;
+    const int32_t result = OpenSteps();
+    PublishState(result == kOpenRunning ? kOpen : kClosed);
+    return result;
+}
+
 int32_t CloseReceiver() {
-    if (receiverRunning == 0) return 1;
     if (OnReceiverThread()) return 0;
+    if (!MoveState(kOpen, kClosing, kOpening, kClosing)) return 1;  // closed already
+    // New calls are turned away from here on; those inside finish first.
+    for (int32_t inside = callsInFlight.load(); inside != 0; inside = callsInFlight.load()) {
+        callsInFlight.wait(inside);
+    }
     Unwind(true);
+    PublishState(kClosed);
     return 1;
 }
 

@@ -3,6 +3,7 @@
 #include "device/demodulator_init.h"
 #include "device/tuning.h"
 #include "receiver/callback_slots.h"
+#include "receiver/receiver_lifecycle.h"
 #include "receiver/receiver_state.h"
 #include "receiver/sync_objects.h"
 
@@ -69,11 +70,12 @@ int32_t QueryFreqAndBW(int32_t* frequency, int32_t* bandwidth) {
 
 int32_t QueryTunerRange(int32_t* range) {
     if (range == nullptr || !Open()) return 0;
-    if (tunerType == 1) {
+    const int32_t type = tunerType;  // a close may clear it meanwhile
+    if (type == 1) {
         *range = kTunerRangeType1;
         return 1;
     }
-    if (tunerType == 2) {
+    if (type == 2) {
         *range = kTunerRangeType2;
         return 1;
     }
@@ -81,13 +83,16 @@ int32_t QueryTunerRange(int32_t* range) {
 }
 
 int32_t RunDebugCommand(int32_t code, const int32_t* value) {
-    if (code != kDebugReceptionLine || value == nullptr || !Open()) return 0;
+    if (code != kDebugReceptionLine || value == nullptr) return 0;
+    // The switch is a static word and answers in every state; the line
+    // itself exists only on an open device, so it is switched off only
+    // under the lifecycle guard.
     if (*value == 1) {
         receptionLine.ledMode = 1;
         receptionLine.goodReceptionCount = 0;
     } else if (*value == 0) {
         receptionLine.ledMode = 0;
-        SetGoodReceptionLine(0);
+        WhileOpen(0, [] { return SetGoodReceptionLine(0); });
         receptionLine.goodReceptionCount = 0;
     }
     return 1;

@@ -21,7 +21,8 @@ int32_t QueryFreqAndBW(int32_t* frequency, int32_t* bandwidth);
 // Tuner type 1: 168, type 2: 1016, else nothing. 1 if it wrote, else 0.
 int32_t QueryTunerRange(int32_t* range);
 // Code 12 switches the good-reception line mode (value 1 on, 0 off and line
-// off, other values nothing): 1. Any other code: 0.
+// off, other values nothing): 1 in every state of the receiver; while it
+// isn't open only the mode is written. Any other code, or no value: 0.
 int32_t RunDebugCommand(int32_t code, const int32_t* value);
 
 // The staircase over signalQualityDb: above 10 dB 100, above 8 dB 80, above

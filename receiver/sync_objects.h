@@ -9,9 +9,12 @@
 //   workerLock      guards the worker's ring indices and the copy into a slot
 //   frameStepLock   held by the demodulation thread for one frame step, and
 //                   by MVDAB_Stop while it frees what a frame step uses
-//   handOverLock    held for the copy into and out of the hand-over buffer,
-//                   so that a late demodulation thread never reads an IqFrame
-//                   half overwritten by the next one
+//   handOverLock    held for the exchange of the gathering and hand-over
+//                   buffers and the copy out of the hand-over buffer, so that
+//                   a late demodulation thread never reads an IqFrame half
+//                   overwritten by the next one
+//   captureHoldEvent  set only by a close: ends the capture thread's hold
+//                   between two reads (NextCaptureHold) at once
 //
 // Lock order: frameStepLock before requestMailbox; no other lock is taken
 // while requestMailbox is held, and none is held across a callback except
@@ -31,6 +34,7 @@ extern platform::Event deviceEvent;
 extern platform::Event frameEvent;
 extern platform::Event workerEvent;
 extern platform::Event requestMailbox;
+extern platform::Event captureHoldEvent;
 extern platform::CriticalSection workerLock;
 extern platform::CriticalSection frameStepLock;
 extern platform::CriticalSection handOverLock;

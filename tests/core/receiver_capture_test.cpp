@@ -57,6 +57,84 @@ TEST(ReceiverCapture, AnyPatternOfReadSizesGivesTheSameIqFrames) {
     for (const auto& sizes : patterns) EXPECT_TRUE(Gather(sizes) == expected) << "first read size " << sizes[0];
 }
 
+// The capture thread's own sink hands each IqFrame over by exchanging the
+// buffers: the demodulation thread's copy is that IqFrame, and the bytes
+// that follow it in the same read start the next one.
+TEST(ReceiverCapture, HandOverByExchangeKeepsEveryIqFrameWhole) {
+    ASSERT_EQ(AllocCaptureBuffers(), 1);
+    std::vector<uint8_t> taken(kIqFrameBytes);
+    int32_t frames = 0;
+    for (size_t at = 0; at < kStream.size();) {
+        const int32_t n = std::min(int32_t(100003), int32_t(kStream.size() - at));
+        if (GatherIqBytes(&captureBuffers, kStream.data() + at, n, HandOverIqFrame) > 0) {
+            TakeHandOverFrame(taken.data());
+            EXPECT_TRUE(std::equal(taken.begin(), taken.end(), kStream.begin() + ptrdiff_t(frames) * kIqFrameBytes))
+                << "IqFrame " << frames;
+            ++frames;
+        }
+        at += size_t(n);
+    }
+    EXPECT_EQ(frames, 5);
+    FreeCaptureBuffers();
+}
+
+// The capture thread's pacing against a device that delivers transfers of
+// 32 KiB at `speed` times real time: reads per IqFrame, and never a read that
+// finishes two IqFrames (the first would be overwritten before the
+// demodulation thread takes it).
+struct PacingRun {
+    double readsPerIqFrame;
+    int32_t mostFinishedByOneRead;
+    int64_t mostBuffered;  // bytes the device held at a read
+};
+
+PacingRun SimulatePacing(double speed, double seconds) {
+    constexpr int64_t kTransfer = 32768;
+    const double bytesPerMs = 4096.0 * speed;
+    auto producedBy = [&](double ms) { return int64_t(ms * bytesPerMs / double(kTransfer)) * kTransfer; };
+    CapturePacing pacing = kCapturePacingStart;
+    PacingRun run{0.0, 0, 0};
+    double now = 0.0;
+    int64_t consumed = 0;
+    int32_t remaining = kIqFrameBytes;
+    int64_t reads = 0;
+    int64_t frames = 0;
+    while (now < seconds * 1000.0) {
+        // Waiting for the device: the next transfer, unless bytes are there.
+        if (producedBy(now) == consumed) now = double(consumed + kTransfer) / bytesPerMs + 1e-6;
+        const int64_t buffered = producedBy(now) - consumed;
+        run.mostBuffered = std::max(run.mostBuffered, buffered);
+        const int32_t read = int32_t(std::min<int64_t>(buffered, kReadBufferBytes));
+        consumed += read;
+        ++reads;
+        int32_t finished = 0;
+        int32_t n = read;
+        for (; n >= remaining; remaining = kIqFrameBytes) {
+            n -= remaining;
+            ++finished;
+        }
+        remaining -= n;
+        frames += finished;
+        run.mostFinishedByOneRead = std::max(run.mostFinishedByOneRead, finished);
+        now += NextCaptureHold(&pacing, read, remaining, int64_t(now));
+    }
+    run.readsPerIqFrame = double(reads) / double(frames);
+    return run;
+}
+
+TEST(ReceiverCapture, PacingReadsFewTimesPerIqFrameAndNeverTwoIqFramesAtOnce) {
+    for (double speed : {0.3, 1.0, 3.0, 10.0}) {
+        SCOPED_TRACE("speed " + std::to_string(speed));
+        const PacingRun run = SimulatePacing(speed, 20.0);
+        EXPECT_EQ(run.mostFinishedByOneRead, 1);
+        EXPECT_LE(run.mostBuffered, kReadBufferBytes) << "the device piles up more than a read takes";
+        // Without holds: one read per transfer, 7.3 per IqFrame.
+        if (speed == 1.0) {
+            EXPECT_LT(run.readsPerIqFrame, 2.5);
+        }
+    }
+}
+
 TEST(ReceiverCapture, EmptyAndInvalidReadsChangeNothing) {
     std::vector<uint8_t> gathering(kIqFrameBytes);
     CaptureBuffers buffers{nullptr, gathering.data(), nullptr, kIqFrameBytes};
