@@ -29,6 +29,9 @@ add_dependencies(core_tests MVC900ACCESS)
 add_test(NAME core_tests COMMAND core_tests)
 
 file(GLOB API_TEST_SOURCES CONFIGURE_DEPENDS tests/api/*.cpp)
+# The lifecycle races count threads, descriptors and heap through Linux's
+# /proc and glibc: they run in the Linux builds only.
+list(FILTER API_TEST_SOURCES EXCLUDE REGEX "api_lifecycle_test\\.cpp$")
 add_executable(api_tests ${API_TEST_SOURCES} ${CMAKE_SOURCE_DIR}/tests/support/generated_subchannels.cpp)
 target_include_directories(api_tests PRIVATE ${CMAKE_SOURCE_DIR} ${CMAKE_SOURCE_DIR}/include)
 target_link_libraries(api_tests PRIVATE MVXDAB mvdab_generator gtest_main)

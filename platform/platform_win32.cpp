@@ -89,6 +89,26 @@ uint32_t JoinThread(Thread* thread) {
     return uint32_t(code);
 }
 
+int64_t MonotonicMs() { return int64_t(::GetTickCount64()); }
+
+int SetCurrentThreadName(const char* name) {
+    if (name == nullptr) return 0;
+    // SetThreadDescription exists from Windows 10 1607 on: looked up at run
+    // time, so that the DLL still loads on older systems.
+    using SetDescription = HRESULT(WINAPI*)(HANDLE, PCWSTR);
+    const HMODULE kernel = ::GetModuleHandleA("kernel32.dll");
+    if (kernel == nullptr) return 0;
+    const auto set = reinterpret_cast<SetDescription>(
+        reinterpret_cast<void*>(::GetProcAddress(kernel, "SetThreadDescription")));
+    if (set == nullptr) return 0;
+    // Same limit as elsewhere: 15 characters, ASCII.
+    wchar_t wide[16];
+    int i = 0;
+    for (; i < 15 && name[i] != 0; ++i) wide[i] = wchar_t(static_cast<unsigned char>(name[i]));
+    wide[i] = 0;
+    return SUCCEEDED(set(::GetCurrentThread(), wide)) ? 1 : 0;
+}
+
 int SetCurrentThreadPriority(ThreadPriority priority) {
     // Best effort: a refused priority leaves the thread at normal priority.
     int level = THREAD_PRIORITY_NORMAL;
