@@ -71,6 +71,8 @@ bool OnReceiverThread() { return onReceiverThread; }
 // The count goes up before the state is read, and a close changes the state
 // before it reads the count (both sequentially consistent): either the call
 // sees the close and backs out, or the close sees the call and waits for it.
+void DeclareThreadlessReceiverOpen(bool open) { PublishState(open ? kOpen : kClosed); }
+
 bool EnterReceiverCall() {
     callsInFlight.fetch_add(1);
     if (lifecycleState.load() == kOpen) return true;

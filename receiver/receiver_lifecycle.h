@@ -55,6 +55,12 @@ int32_t OpenReceiver();
 // itself: there it does nothing and returns 0.
 int32_t CloseReceiver();
 
+// For a receiver run without threads (the frame step driven directly, as
+// the thread-less test harness and the benchmarks do): declares it open, so
+// that the exported commands reach it, or closed again. Never used beside
+// OpenReceiver and CloseReceiver.
+void DeclareThreadlessReceiverOpen(bool open);
+
 // MVDAB_Start and MVDAB_Stop.
 int32_t StartSamples();
 int32_t StopSamples();

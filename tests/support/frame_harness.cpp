@@ -179,9 +179,11 @@ FrameHarness::FrameHarness(int32_t tunerType) {
     ready_ = InitReceiverState() == 1 && captureBuffers.handOverBuffer != nullptr;
     platform::CreateEvent(&requestMailbox);
     platform::SetEvent(&requestMailbox);
+    DeclareThreadlessReceiverOpen(true);
 }
 
 FrameHarness::~FrameHarness() {
+    DeclareThreadlessReceiverOpen(false);
     FreeReceiverState();
     platform::CloseEvent(&requestMailbox);
     FreeCaptureBuffers();
