@@ -2,6 +2,10 @@
 
 #include <array>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 namespace mvdab {
 
 namespace {
@@ -39,7 +43,35 @@ const std::array<uint8_t, 64> kDefaultSoftBitMap = kSoftBitMapArray;
 
 void ConvertFicSoftBits(const float* values, int32_t count, uint8_t softBitMode, uint8_t* nibbles) {
     if (values == nullptr || nibbles == nullptr) return;
-    for (int32_t i = 0; i < count; ++i) nibbles[i] = FicSoftNibble(values[i], softBitMode);
+    int32_t i = 0;
+#if defined(__SSE2__)
+    // FicSoftNibble sixteen values at a time, without branches: a clean FIC
+    // value saturates about half the time, which the branches of the
+    // single-value form mispredict. A NaN becomes -1 (nibble 8), then y is
+    // clipped to -8..7, where 7 - floor gives 15..0 exactly as the bounds do.
+    const __m128 scale = _mm_set1_ps(softBitMode == 1 ? 8.0f : 16.0f);
+    const __m128 half = _mm_set1_ps(0.5f);
+    const __m128 minusOne = _mm_set1_ps(-1.0f);
+    const __m128 upper = _mm_set1_ps(7.0f);
+    const __m128 lower = _mm_set1_ps(-8.0f);
+    const __m128i seven = _mm_set1_epi32(7);
+    const auto four = [&](const float* x) {
+        const __m128 y = _mm_sub_ps(_mm_mul_ps(scale, _mm_loadu_ps(x)), half);
+        const __m128 ordered = _mm_cmpord_ps(y, y);
+        __m128 c = _mm_or_ps(_mm_and_ps(ordered, y), _mm_andnot_ps(ordered, minusOne));
+        c = _mm_max_ps(_mm_min_ps(c, upper), lower);
+        const __m128i t = _mm_cvttps_epi32(c);
+        // floor: one lower where truncation rounded up (the mask is -1 there).
+        const __m128i roundedUp = _mm_castps_si128(_mm_cmpgt_ps(_mm_cvtepi32_ps(t), c));
+        return _mm_sub_epi32(seven, _mm_add_epi32(t, roundedUp));
+    };
+    for (; i + 16 <= count; i += 16) {
+        const __m128i low = _mm_packs_epi32(four(values + i), four(values + i + 4));
+        const __m128i high = _mm_packs_epi32(four(values + i + 8), four(values + i + 12));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(nibbles + i), _mm_packus_epi16(low, high));
+    }
+#endif
+    for (; i < count; ++i) nibbles[i] = FicSoftNibble(values[i], softBitMode);
 }
 
 }  // namespace mvdab

@@ -96,6 +96,13 @@ TEST(SoftBits, InlinedFloorEqualsTheMathsLibrary) {
             ASSERT_EQ(MscSoftNibble(x, mode, kMap), ReferenceMsc(x, mode)) << x << " mode " << int(mode);
         }
     }
+    // The vector form of the FIC conversion gives the same nibbles, its
+    // scalar tail included (the count is no multiple of 16).
+    for (uint8_t mode : {1, 2}) {
+        std::vector<uint8_t> nibbles(xs.size());
+        mvdab::ConvertFicSoftBits(xs.data(), int32_t(xs.size()), mode, nibbles.data());
+        for (size_t i = 0; i < xs.size(); ++i) ASSERT_EQ(nibbles[i], FicSoftNibble(xs[i], mode)) << xs[i];
+    }
 }
 
 }  // namespace
