@@ -59,5 +59,9 @@ inline uint8_t MscSoftNibble(float x, uint8_t softBitMode, const uint8_t* softBi
 
 // FIC nibbles of `count` values, in order.
 void ConvertFicSoftBits(const float* values, int32_t count, uint8_t softBitMode, uint8_t* nibbles);
+// MSC nibbles of `count` values, in order, with `softBitMap` (64 entries)
+// unless softBitMode is 1.
+void ConvertMscSoftBits(const float* values, int32_t count, uint8_t softBitMode, const uint8_t* softBitMap,
+                        uint8_t* nibbles);
 
 }  // namespace mvdab

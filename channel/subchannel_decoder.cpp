@@ -64,8 +64,14 @@ void StoreSoftNibbles(const float* x, int32_t count, uint8_t* timeStore, int32_t
     std::array<uint8_t*, 16> w;
     for (int32_t d = 0; d < 16; ++d)
         w[d] = timeStore + ((kTimeInterleaveDelays[d] + timeIndex) & 15) * slotBytes + d;
-    for (int32_t j = 0; j < count; j += 16, x += 16) {
-        for (int32_t d = 0; d < 16; ++d) w[d][j] = MscSoftNibble(x[d], mode, map);
+    // Converted a piece at a time, then spread over the slots.
+    constexpr int32_t kPiece = 512;
+    uint8_t nibbles[kPiece];
+    for (int32_t start = 0; start < count; start += kPiece) {
+        const int32_t length = count - start < kPiece ? count - start : kPiece;
+        ConvertMscSoftBits(x + start, length, mode, map, nibbles);
+        for (int32_t j = 0; j < length; j += 16)
+            for (int32_t d = 0; d < 16; ++d) w[d][start + j] = nibbles[j + d];
     }
 }
 

@@ -4,6 +4,10 @@
 #include <cstring>
 #include <utility>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "acquisition/mode_buffers.h"
 #include "demodulation/carrier_arithmetic.h"
 #include "demodulation/dft_service.h"
@@ -115,8 +119,11 @@ void ExtractCarriers(const float* bins, float* carriers, int32_t fftSize, int32_
     std::memcpy(carriers + 2 * half, bins + 2, sizeof(float) * 2 * half);
 }
 
-float SignalQualityOf(const float* products, const float* previousCarriers, int32_t carrierCount,
-                      double frameScale) {
+namespace {
+
+// The sums of SignalQualityOf from the equalised values v (both parts of
+// carrier i at 2 i), in carrier order.
+float QualityFromValues(const float* values, const float* previousCarriers, int32_t carrierCount) {
     double signal = 0.0;
     double distortion = 0.0;
     for (int32_t i = 0; i < carrierCount; ++i) {
@@ -126,14 +133,59 @@ float SignalQualityOf(const float* products, const float* previousCarriers, int3
         // A carrier without power has no weight in either sum.
         if (!(w > 0.0f)) continue;
         for (int32_t part = 0; part < 2; ++part) {
-            // Undo the frame scale and equalise by the previous symbol's power.
-            const float v = static_cast<float>(products[2 * i + part] / frameScale) / w;
+            const float v = values[2 * i + part];
             const float d = v < 0.0f ? v + kQpskComponent : v - kQpskComponent;
             signal += static_cast<double>(v) * v * w;
             distortion += static_cast<double>(d) * d * w;
         }
     }
     return static_cast<float>(10.0 * std::log10(signal / distortion));
+}
+
+// Undoes the frame scale and equalises by the previous symbol's power,
+// carriers from..carrierCount-1.
+void EqualiseValues(const float* products, const float* previousCarriers, int32_t from, int32_t carrierCount,
+                    double frameScale, float* values) {
+    for (int32_t i = from; i < carrierCount; ++i) {
+        const float pr = previousCarriers[2 * i];
+        const float pi = previousCarriers[2 * i + 1];
+        const float w = pr * pr + pi * pi;
+        for (int32_t part = 0; part < 2; ++part)
+            values[2 * i + part] = static_cast<float>(products[2 * i + part] / frameScale) / w;
+    }
+}
+
+}  // namespace
+
+float SignalQualityOfScalar(const float* products, const float* previousCarriers, int32_t carrierCount,
+                            double frameScale, float* values) {
+    EqualiseValues(products, previousCarriers, 0, carrierCount, frameScale, values);
+    return QualityFromValues(values, previousCarriers, carrierCount);
+}
+
+float SignalQualityOf(const float* products, const float* previousCarriers, int32_t carrierCount,
+                      double frameScale) {
+    // The divisions, two carriers at a time, are the cost; the sums stay in
+    // carrier order, so the figure keeps its bits. A carrier without power
+    // gets a value that the sums skip.
+    static float values[2 * kMaxCarriers];
+    if (carrierCount > kMaxCarriers) return 0.0f;
+    int32_t i = 0;
+#if defined(__SSE2__)
+    const __m128d scale = _mm_set1_pd(frameScale);
+    for (; i + 2 <= carrierCount; i += 2) {
+        const __m128 carriers = _mm_loadu_ps(previousCarriers + 2 * i);
+        const __m128 squares = _mm_mul_ps(carriers, carriers);
+        // r^2 + i^2 in both lanes of a carrier.
+        const __m128 w = _mm_add_ps(squares, _mm_shuffle_ps(squares, squares, _MM_SHUFFLE(2, 3, 0, 1)));
+        const __m128 p = _mm_loadu_ps(products + 2 * i);
+        const __m128 low = _mm_cvtpd_ps(_mm_div_pd(_mm_cvtps_pd(p), scale));
+        const __m128 high = _mm_cvtpd_ps(_mm_div_pd(_mm_cvtps_pd(_mm_movehl_ps(p, p)), scale));
+        _mm_storeu_ps(values + 2 * i, _mm_div_ps(_mm_movelh_ps(low, high), w));
+    }
+#endif
+    EqualiseValues(products, previousCarriers, i, carrierCount, frameScale, values);
+    return QualityFromValues(values, previousCarriers, carrierCount);
 }
 
 int32_t DemodulateFrame() {

@@ -34,5 +34,9 @@ void ExtractCarriers(const float* bins, float* carriers, int32_t fftSize, int32_
 // power and compared with the nearest ideal +-0.707107, weighted by power.
 float SignalQualityOf(const float* products, const float* previousCarriers, int32_t carrierCount,
                       double frameScale);
+// The same one carrier at a time, the twin that the vector form must equal;
+// `values` (2 carrierCount floats) receives the equalised products.
+float SignalQualityOfScalar(const float* products, const float* previousCarriers, int32_t carrierCount,
+                            double frameScale, float* values);
 
 }  // namespace mvdab

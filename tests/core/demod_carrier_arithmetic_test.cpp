@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "demodulation/carrier_arithmetic.h"
+#include "demodulation/symbol_demodulator.h"
 
 namespace {
 
@@ -75,6 +76,32 @@ TEST(DemodCarrierArithmetic, AStrongCarrierCannotOutweighTheEnsemble) {
     }
     EXPECT_LT(std::abs(FrequencyError(products.data(), kCount)), 0.02);
     EXPECT_LT(std::abs(FrequencyErrorPlain(products.data(), kCount)), 0.02);
+}
+
+// The quality figure with its divisions two carriers at a time keeps the
+// bits of the one-carrier-at-a-time form: every carrier count of the modes
+// and odd ones (a scalar tail), carriers without power, and scales.
+TEST(SignalQuality, VectorFormKeepsTheBits) {
+    std::mt19937 rng(7);
+    std::normal_distribution<float> noise(0.0f, 0.3f);
+    for (int32_t count : {1536, 384, 768, 192, 7}) {
+        std::vector<float> products(2 * count), carriers(2 * count), values(2 * count);
+        for (int32_t i = 0; i < 2 * count; ++i) {
+            products[i] = (i % 3 == 0 ? -0.7071f : 0.7071f) * 3.7e5f + noise(rng) * 1e5f;
+            carriers[i] = noise(rng) * 40.0f;
+        }
+        carriers[2] = carriers[3] = 0.0f;  // a carrier without power
+        carriers[2 * count - 2] = carriers[2 * count - 1] = 0.0f;
+        for (double scale : {3.7e5, 1.0, 12345.678}) {
+            const float vector = SignalQualityOf(products.data(), carriers.data(), count, scale);
+            const float scalar = SignalQualityOfScalar(products.data(), carriers.data(), count, scale, values.data());
+            uint32_t a, b;
+            std::memcpy(&a, &vector, 4);
+            std::memcpy(&b, &scalar, 4);
+            EXPECT_EQ(a, b) << count << " " << scale << ": " << vector << " " << scalar;
+            EXPECT_TRUE(std::isfinite(vector)) << count;
+        }
+    }
 }
 
 }  // namespace

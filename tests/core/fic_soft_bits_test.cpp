@@ -96,6 +96,21 @@ TEST(SoftBits, InlinedFloorEqualsTheMathsLibrary) {
             ASSERT_EQ(MscSoftNibble(x, mode, kMap), ReferenceMsc(x, mode)) << x << " mode " << int(mode);
         }
     }
+    // The vector forms give the same nibbles, their scalar tails included
+    // (the count is no multiple of 16); the MSC map also as the host's own,
+    // whose neutral value isn't 8.
+    uint8_t inverted[64];
+    for (int i = 0; i < 64; ++i) inverted[i] = uint8_t(15 - kMap[i]);
+    for (uint8_t mode : {1, 2}) {
+        std::vector<uint8_t> nibbles(xs.size());
+        mvdab::ConvertFicSoftBits(xs.data(), int32_t(xs.size()), mode, nibbles.data());
+        for (size_t i = 0; i < xs.size(); ++i) ASSERT_EQ(nibbles[i], FicSoftNibble(xs[i], mode)) << xs[i];
+        for (const uint8_t* map : {kMap, static_cast<const uint8_t*>(inverted)}) {
+            mvdab::ConvertMscSoftBits(xs.data(), int32_t(xs.size()), mode, map, nibbles.data());
+            for (size_t i = 0; i < xs.size(); ++i)
+                ASSERT_EQ(nibbles[i], MscSoftNibble(xs[i], mode, map)) << xs[i] << " mode " << int(mode);
+        }
+    }
 }
 
 }  // namespace
