@@ -10,7 +10,7 @@ dabhost="$1" work="$2" mp2="$3" slides="$4" service="$5" label="$6"
 shift 6
 rm -rf "$work" && mkdir -p "$work/received"
 sed -e "s|@MP2@|$mp2|g" -e "s|@SLIDES@|$slides|g" "$(dirname "$0")/pad_ensemble.txt" >"$work/ensemble.txt"
-output="$(MVC900_SOURCE="generated:config=$work/ensemble.txt,mode=1,snr=30" MVC900_SPEED=2 \
+output="$(MVC900_SOURCE="generated:config=$work/ensemble.txt,mode=1,snr=30" MVC900_SPEED=1 \
           "$dabhost" -f 227360 --service "$service" --slides "$work/received" --json "$@" 2>&1)"
 status=$?
 printf '%s\n' "$output" | tail -n 6
