@@ -6,6 +6,16 @@
 
 namespace {
 lame_global_flags* Lame(void* handle) { return static_cast<lame_global_flags*>(handle); }
+
+// Offset of the first header of an MPEG-1 layer III frame in `bytes` (sync,
+// a valid bit rate and rate index), or `length` if there is none.
+size_t FirstFrameHeader(const uint8_t* bytes, size_t length) {
+    for (size_t i = 0; i + 3 <= length; ++i)
+        if (bytes[i] == 0xFF && (bytes[i + 1] & 0xFE) == 0xFA && (bytes[i + 2] & 0xF0) != 0xF0 &&
+            (bytes[i + 2] & 0xF0) != 0 && (bytes[i + 2] & 0x0C) != 0x0C)
+            return i;
+    return length;
+}
 }  // namespace
 
 Mp3Encoder::~Mp3Encoder() {
@@ -85,14 +95,19 @@ void Mp3Broadcast::Publish(const uint8_t* bytes, size_t length) {
     {
         std::lock_guard<std::mutex> lock(mutex_);
         figures_.bytes += length;
+        const size_t header = FirstFrameHeader(bytes, length);
         for (const std::shared_ptr<Listener>& l : listeners_) {
             if (l->queuedBytes + length > kMaxBacklogBytes) {
                 ++l->dropped;
                 ++figures_.droppedChunks;
+                l->inFrame = false;
                 continue;
             }
-            l->chunks.emplace_back(bytes, bytes + length);
-            l->queuedBytes += length;
+            const size_t from = l->inFrame ? 0 : header;
+            if (from == length) continue;
+            l->chunks.emplace_back(bytes + from, bytes + length);
+            l->queuedBytes += length - from;
+            l->inFrame = true;
         }
     }
     ready_.notify_all();

@@ -43,12 +43,16 @@ private:
 
 // Fan-out of the MP3 bytes. The producer (the host's main loop) never waits
 // for a listener: each listener has a bounded backlog, and a chunk that does
-// not fit is dropped for that listener alone and counted.
+// not fit is dropped for that listener alone and counted. The encoder's
+// chunks are not cut at frames, so a listener that joins, or has lost a
+// chunk, goes on at the next frame header: a browser that sniffs the format
+// from the first bytes sees a frame there.
 class Mp3Broadcast {
 public:
     static constexpr size_t kMaxBacklogBytes = 64 * 1024;  // 4 s of 128 kbit/s
 
     struct Listener {
+        bool inFrame = false;  // its bytes so far end on a whole frame; false: start at the next frame header
         std::deque<std::vector<uint8_t>> chunks;
         size_t queuedBytes = 0;
         uint64_t dropped = 0;  // chunks lost because the listener fell behind

@@ -156,6 +156,9 @@ void WebServer::Route() {
     }
     s.Get("/audio.mp3", [this](const httplib::Request&, httplib::Response& res) {
         std::shared_ptr<Mp3Broadcast::Listener> listener = audio_.Join();
+        // A live stream has no ranges: a browser asking for "bytes=0-" gets
+        // the whole stream as it goes on.
+        res.status = 200;
         res.set_header("Cache-Control", "no-store");
         res.set_chunked_content_provider(
             "audio/mpeg",

@@ -1,5 +1,6 @@
 // The MP3 stream of the web page: the encoder's output format whatever comes
 // in, and listeners that fall behind.
+#include <algorithm>
 #include <cmath>
 #include <vector>
 
@@ -58,24 +59,33 @@ TEST(Mp3Encoder, OneFormatForEveryInput) {
     EXPECT_LT(frames, 48000 * 39 / 10 + 1152);
 }
 
-// A listener that falls behind loses chunks, counted; the others get all.
-TEST(Mp3Broadcast, SlowListenerDropsAlone) {
+// A listener that falls behind loses chunks, counted, and goes on at a frame
+// header; the others get every byte from the first header on.
+TEST(Mp3Broadcast, SlowListenerDropsAloneAndResumesAtAFrame) {
     Mp3Broadcast b;
-    b.Publish(reinterpret_cast<const uint8_t*>("x"), 1);  // nobody listens: fine
+    std::vector<uint8_t> chunk(1000, 0x55);
+    const uint8_t header[] = {0xFF, 0xFB, 0x94, 0x64};  // 128 kbit/s, 48 kHz
+    std::copy(header, header + 4, chunk.begin() + 10);
+    b.Publish(chunk.data(), chunk.size());  // nobody listens: fine
     auto slow = b.Join();
     auto fast = b.Join();
-    const std::vector<uint8_t> chunk(1000, 0x55);
     std::vector<uint8_t> got;
     for (int i = 0; i < 100; ++i) {
         b.Publish(chunk.data(), chunk.size());
         ASSERT_TRUE(b.Take(*fast, &got, std::chrono::milliseconds(0)));
     }
-    EXPECT_EQ(got.size(), 100000u);
-    EXPECT_EQ(slow->dropped, 100u - Mp3Broadcast::kMaxBacklogBytes / 1000);
-    EXPECT_EQ(b.figures().droppedChunks, slow->dropped);
+    ASSERT_EQ(got.size(), 100000u - 10);
+    EXPECT_EQ(got[0], 0xFF);
+    // 990 + 64 x 1000 bytes fit in the slow listener's 64 KiB.
+    EXPECT_EQ(slow->dropped, 35u);
+    EXPECT_EQ(b.figures().droppedChunks, 35u);
     std::vector<uint8_t> late;
     ASSERT_TRUE(b.Take(*slow, &late, std::chrono::milliseconds(0)));
-    EXPECT_EQ(late.size(), Mp3Broadcast::kMaxBacklogBytes / 1000 * 1000);
+    EXPECT_EQ(late.size(), 990u + 64 * 1000);
+    late.clear();
+    b.Publish(chunk.data(), chunk.size());
+    ASSERT_TRUE(b.Take(*slow, &late, std::chrono::milliseconds(0)));
+    EXPECT_EQ(late.size(), 990u);
     b.Leave(slow);
     EXPECT_EQ(b.figures().listeners, 1);
     b.Close();
