@@ -147,6 +147,10 @@ void WebServer::Route() {
     });
     for (const char* path : {"/api/select", "/api/tune", "/api/scan"}) {
         s.Post(path, [this](const httplib::Request& req, httplib::Response& res) {
+            // Only JSON: a browser asks before sending that to another site's
+            // server, so another page cannot work this radio behind its back.
+            if (req.get_header_value("Content-Type").rfind("application/json", 0) != 0)
+                return Reply(res, 415, {{"error", "commands are JSON"}});
             WebCommand command;
             std::string why;
             if (!ParseWebCommand(req.path, req.body, &command, &why)) return Reply(res, 400, {{"error", why}});
@@ -178,6 +182,7 @@ int WebServer::Start(const std::string& host, int port) {
     server_ = std::make_unique<httplib::Server>();
     server_->new_task_queue = [] { return new httplib::ThreadPool(kHttpThreads); };
     server_->set_keep_alive_timeout(2);
+    server_->set_payload_max_length(64 * 1024);  // commands are a few bytes
     Route();
     const int bound = port == 0 ? server_->bind_to_any_port(host) : (server_->bind_to_port(host, port) ? port : -1);
     if (bound < 0) {

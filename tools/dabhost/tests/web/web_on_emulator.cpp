@@ -148,6 +148,9 @@ TEST(WebOnEmulator, EnsembleServiceAudioLabelSlideAndBadCommands) {
         ASSERT_TRUE(r);
         EXPECT_EQ(r->status, 400) << path << " " << body;
     }
+    auto plain = http.Post("/api/select", R"({"service": "MVX Plus"})", "text/plain");
+    ASSERT_TRUE(plain);
+    EXPECT_EQ(plain->status, 415);
 
     // A selected MP2 service streams MP3 that libmpg123 decodes.
     auto r = http.Post("/api/select", R"({"service": "MVX Classic"})", "application/json");
