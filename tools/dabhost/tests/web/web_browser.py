@@ -113,6 +113,10 @@ def main():
         print("played: %.1f s" % played)
         with open(screenshot, "wb") as f:
             f.write(base64.b64decode(call(s, "GET", "/screenshot")))
+        # dabhost ends in order on SIGTERM, with the page still polling.
+        host.terminate()
+        status = host.wait(10)
+        assert status == 0, "dabhost exited with %d" % status
         print("PASSED: screenshot in", screenshot)
         return 0
     except AssertionError as e:
@@ -126,9 +130,10 @@ def main():
             except OSError:
                 pass
         chrome.terminate()
-        host.terminate()
-        host.wait(10)
         chrome.wait(10)
+        if host.poll() is None:
+            host.terminate()
+            host.wait(10)
 
 
 if __name__ == "__main__":
