@@ -9,18 +9,8 @@
 
 #include "mp3_stream.h"
 
-namespace {
-
-PcmBlock Tone(int rateHz, int channels, int frames) {
-    PcmBlock b;
-    b.rateHz = rateHz;
-    b.channels = channels;
-    for (int i = 0; i < frames; ++i)
-        for (int c = 0; c < channels; ++c) b.samples.push_back(int16_t(8000 * std::sin(0.05 * i)));
-    return b;
-}
-
-// Sample frames and format libmpg123 decodes from `mp3`.
+// Sample frames and format libmpg123 decodes from `mp3` (also used by the
+// end-to-end test).
 long DecodedFrames(const std::vector<uint8_t>& mp3, long* rate, int* channels) {
     mpg123_init();
     mpg123_handle* h = mpg123_new(nullptr, nullptr);
@@ -38,6 +28,17 @@ long DecodedFrames(const std::vector<uint8_t>& mp3, long* rate, int* channels) {
     }
     mpg123_delete(h);
     return frames;
+}
+
+namespace {
+
+PcmBlock Tone(int rateHz, int channels, int frames) {
+    PcmBlock b;
+    b.rateHz = rateHz;
+    b.channels = channels;
+    for (int i = 0; i < frames; ++i)
+        for (int c = 0; c < channels; ++c) b.samples.push_back(int16_t(8000 * std::sin(0.05 * i)));
+    return b;
 }
 
 // One format out whatever the service sends, across a change of rate.
