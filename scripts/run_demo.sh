@@ -7,7 +7,8 @@
 # each file's duration and level. The WAV files land in build/demo.
 #
 # With arguments, dabhost runs once with them instead (see dabhost --help),
-# e.g. scripts/run_demo.sh --service "MVX Plus" --wav - | aplay
+# e.g. scripts/run_demo.sh --service "MVX Plus" --wav - | aplay, or
+# scripts/run_demo.sh --web 8080 for the radio in a browser.
 # The emulator's source comes from MVC900_SOURCE and MVC900_GENERATED
 # (defaults below).
 set -eu
@@ -25,6 +26,11 @@ if [ -z "${MVC900_SOURCE:-}" ]; then
     if [ -z "${MVC900_GENERATED:-}" ] && [ -r "$samples/speech-mp2-128k.mp2" ] &&
         [ -r "$samples/speech-heaac-48k.dabp" ]; then
         export MVC900_GENERATED="227360=preset=default:mp2=$samples/speech-mp2-128k.mp2:dabp=$samples/speech-heaac-48k.dabp:dabprate=48,mode=1,snr=30"
+        # On 229,072 kHz (12D) services with a Dynamic Label and a slideshow.
+        mkdir -p "$root/build/demo"
+        sed -e "s|@MP2@|$samples/speech-mp2-128k.mp2|g" -e "s|@SLIDES@|$root/tools/pad/tests/slides|g" \
+            "$root/tools/pad/tests/pad_ensemble.txt" >"$root/build/demo/pad_ensemble.txt"
+        MVC900_GENERATED="$MVC900_GENERATED;229072=config=$root/build/demo/pad_ensemble.txt,mode=1,snr=30"
     fi
 fi
 dabhost="$build/bin/dabhost"

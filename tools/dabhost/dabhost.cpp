@@ -28,29 +28,21 @@
 
 #include "ensemble_wait.h"
 #include "fic_queue.h"
+#include "host_receiver.h"
 #include "host_options.h"
 #include "host_report.h"
 #include "mvxdab.h"
 #include "service_output.h"
 #include "service_select.h"
+#include "web_radio.h"
 #include "tools/ficparse/ensemble_print.h"
 #include "tools/ficparse/fic_parser.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-FicQueue ficQueue;  // filled by the FIC callback on the receiver's thread
-MscQueue mscQueue;  // filled by the MSC callback on the demodulation or worker thread
 volatile std::sig_atomic_t interrupted = 0;
 
-// Runs on the demodulation thread: a copy under a short lock, nothing more.
-void OnFic(uint8_t* bytes, int32_t length, int32_t flags) { ficQueue.Push(bytes, length, flags); }
-void OnMsc(uint8_t* bytes, int32_t length, int32_t flags) { mscQueue.Push(bytes, length, flags); }
-
 void OnInterrupt(int) { interrupted = 1; }
-
-double Seconds(Clock::duration d) { return std::chrono::duration<double>(d).count(); }
 
 double CpuSeconds() {
 #if defined(_WIN32)
@@ -65,20 +57,6 @@ double CpuSeconds() {
     return double(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
            1e-6 * double(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec);
 #endif
-}
-
-StatusSnapshot ReadStatus(double elapsed) {
-    StatusSnapshot s;
-    s.elapsedSeconds = elapsed;
-    int32_t bandwidth = 0;
-    int32_t locked = 0;
-    MVDAB_GetSignalPresent(&s.present);
-    s.lockKnown = MVDAB_GetSignalLock(&locked) == 1;
-    s.locked = s.lockKnown && locked == 1;
-    MVDAB_GetSignalQuality(&s.quality);
-    MVDAB_GetFreqAndBW(&s.frequencyKhz, &bandwidth);
-    s.fic = ficQueue.counts();
-    return s;
 }
 
 // Prints a status line when the signal state changes (if `onChange`), and
@@ -103,8 +81,6 @@ private:
     int key_ = -1;
     double lastPrinted_ = 0.0;
 };
-
-void Sleep(double seconds) { std::this_thread::sleep_for(std::chrono::duration<double>(seconds)); }
 
 // Tunes one frequency and waits for a decision by `rule`. False when the
 // receiver refused the tuning.
@@ -179,26 +155,6 @@ private:
 bool EndsWith(const std::string& text, const char* tail) {
     const std::string t(tail);
     return text.size() >= t.size() && text.compare(text.size() - t.size(), t.size(), t) == 0;
-}
-
-// Passes an announced change of the selected sub-channel on to the receiver.
-// A refusal (the receiver was busy with a retune, say) is tried again at the
-// next poll and shown once.
-void PassOnChange(const ficparse::Ensemble& ensemble, ServiceKind kind, bool quiet,
-                  ReconfigurationFollower& follower, bool* refusalShown) {
-    ReconfigurationFollower::Change change;
-    if (!follower.Due(ensemble, &change)) return;
-    const ServiceRequest n = RequestFor(kind, change.next);
-    const int32_t changed = MVDAB_ChangeSCOrg(n.type, n.subChannelId, n.startAddress, n.longForm, n.tableIndex,
-                                              n.optionAndLevel, n.size, 0, 0, int8_t(change.cifCountHigh),
-                                              int8_t(change.cifCountLow));
-    if (changed == 1) follower.Passed(change);
-    if ((changed == 1 && !quiet) || (changed != 1 && !*refusalShown))
-        std::fprintf(stderr, "dabhost: sub-channel %d changes to %s, CU %d+%d at CIF count %d: %s\n", change.next.id,
-                     change.next.ProtectionText().c_str(), change.next.startAddress, change.next.size,
-                     change.cifCountHigh * 250 + change.cifCountLow,
-                     changed == 1 ? "passed on" : "refused, trying again");
-    *refusalShown = changed != 1;
 }
 
 // Requests the chosen service and receives it for the requested time: the
@@ -373,7 +329,9 @@ int main(int argc, char** argv) {
     }
     const Clock::time_point start = Clock::now();
     const double cpuStart = CpuSeconds();
-    const int status = options.scan ? RunScan(options) : RunTuned(options);
+    const int status = options.webPort >= 0 ? RunWeb(options, interrupted)
+                       : options.scan         ? RunScan(options)
+                                              : RunTuned(options);
 
     const double ran = Seconds(Clock::now() - start);
     const double cpu = CpuSeconds() - cpuStart;

@@ -49,6 +49,20 @@ bool ParseFrequencyList(const char* text, std::vector<int32_t>* out) {
     return !out->empty();
 }
 
+// "PORT" or "HOST:PORT".
+bool ParseWebAddress(const std::string& text, HostOptions* o) {
+    const size_t colon = text.rfind(':');
+    const std::string port = colon == std::string::npos ? text : text.substr(colon + 1);
+    double v = 0.0;
+    if (!ParseNumber(port.c_str(), &v) || v < 0.0 || v > 65535.0 || v != double(int(v))) return false;
+    if (colon != std::string::npos) {
+        if (colon == 0) return false;
+        o->webHost = text.substr(0, colon);
+    }
+    o->webPort = int(v);
+    return true;
+}
+
 }  // namespace
 
 const char* HostUsage() {
@@ -57,6 +71,7 @@ const char* HostUsage() {
            "               [--slides DIR]\n"
            "               [-d s] [--frames N]\n"
            "       dabhost --scan [--freqs a,b,c] [-t s] [--json] [-q]\n"
+           "       dabhost --web [HOST:]PORT [-f kHz|block | --scan [--freqs a,b,c]] [--service S] [-d s]\n"
            "  -f, --frequency F   frequency in kHz or block name (default 227360, block 12C)\n"
            "  -t, --timeout s     longest wait for the ensemble (default 20; scan: 8 per frequency)\n"
            "  -d, --duration s    keep showing status this long after the ensemble (default 0);\n"
@@ -74,6 +89,9 @@ const char* HostUsage() {
            "      --scan          look for ensembles on all Band III blocks, 5A to 13F\n"
            "      --freqs list    scan these frequencies (kHz or block names, comma-separated)\n"
            "      --json          print the result as JSON\n"
+           "      --web [HOST:]PORT  the radio as a web page on http://HOST:PORT/ (HOST default\n"
+           "                      127.0.0.1; PORT 0 picks a free one): ensemble, signal, service\n"
+           "                      with label and slide, and its audio as MP3 at /audio.mp3\n"
            "  -q, --quiet         no progress lines\n"
            "Progress goes to stderr, the ensemble or scan result to stdout (to stderr\n"
            "when audio or the recording goes to stdout).\n"
@@ -133,6 +151,9 @@ bool ParseHostOptions(int argc, char** argv, HostOptions* o, std::string* error)
             if (!hasValue || !ParseFrequencyList(argv[i + 1], &o->scanFrequenciesKhz)) return fail();
             o->scan = true;
             ++i;
+        } else if (is(nullptr, "--web")) {
+            if (!hasValue || !ParseWebAddress(argv[i + 1], o)) return fail();
+            ++i;
         } else if (is(nullptr, "--json")) {
             o->json = true;
         } else if (is("-q", "--quiet")) {
@@ -149,7 +170,12 @@ bool ParseHostOptions(int argc, char** argv, HostOptions* o, std::string* error)
         *error = "--wav, --record, --slides and --frames need --service";
         return false;
     }
-    if (o->scan && !o->service.empty()) {
+    if (o->webPort >= 0 && (!o->wavPath.empty() || !o->recordPath.empty() || !o->slidesDir.empty() ||
+                            o->frames != 0 || o->json)) {
+        *error = "--web plays the service in the page: no --wav, --record, --slides, --frames or --json";
+        return false;
+    }
+    if (o->scan && !o->service.empty() && o->webPort < 0) {
         *error = "--service receives on one frequency, not in a scan";
         return false;
     }

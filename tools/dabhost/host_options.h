@@ -22,6 +22,8 @@ struct HostOptions {
     std::string slidesDir;           // folder for slideshow pictures; empty: none saved
     bool durationGiven = false;      // -d was given; a service is received until interrupted otherwise
     uint64_t frames = 0;             // with --service: stop after this many deliveries (0: no limit)
+    int webPort = -1;                // --web: the page's TCP port (0: any free one); -1 no page
+    std::string webHost = "127.0.0.1";  // --web: the address the page is served on
     bool help = false;
 };
 

@@ -56,6 +56,7 @@ void ServiceOutput::Write(const uint8_t* bytes, size_t length) {
 }
 
 void ServiceOutput::Play(const PcmBlock& pcm) {
+    if (pcmSink_ && !pcm.samples.empty()) pcmSink_(pcm);
     if (wav_ != nullptr && !wav_->Write(pcm)) counts_.writeFailed = true;
 }
 
@@ -147,6 +148,7 @@ void ServiceOutput::SaveSlides() {
     for (const pad::MotObject& o : pad_.TakeObjects()) {
         if (o.contentType != 2) continue;  // only images make a slideshow
         ++counts_.slides;
+        latestSlide_ = o;
         if (slidesDir_.empty()) continue;
         // The content name without any folder part, and no hidden or odd names.
         std::string name = o.name.substr(o.name.find_last_of('/') == std::string::npos ? 0 : o.name.find_last_of('/') + 1);

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <deque>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -79,6 +80,11 @@ public:
     // Saves each slideshow picture as it completes into `dir` (no folder: none
     // saved), under its MOT content name, or slide-ID.jpg/.png without one.
     void SaveSlidesTo(std::string dir) { slidesDir_ = std::move(dir); }
+    // Hands every block of decoded audio to `sink` as well (the web page's
+    // MP3 stream); an empty function hands it to nobody.
+    void SetPcmSink(std::function<void(const PcmBlock&)> sink) { pcmSink_ = std::move(sink); }
+    // The latest slideshow picture completed; its body is empty before the first.
+    const pad::MotObject& latestSlide() const { return latestSlide_; }
     // The current Dynamic Label, UTF-8; empty if none.
     const std::string& label() const { return pad_.label(); }
     const pad::PadCounts& padCounts() const { return pad_.counts(); }
@@ -107,5 +113,7 @@ private:
     pad::PadDecoder pad_;
     std::vector<uint8_t> mp2Pending_;  // MP2 bytes not yet in a whole frame (24 kHz frames span two deliveries)
     std::string slidesDir_;
+    std::function<void(const PcmBlock&)> pcmSink_;
+    pad::MotObject latestSlide_;
     ServiceCounts counts_;
 };

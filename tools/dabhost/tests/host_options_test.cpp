@@ -77,6 +77,22 @@ TEST(HostOptions, ServiceOutputsAndWhoGetsStandardOutput) {
     }
 }
 
+TEST(HostOptions, WebAddressAndWhatGoesWithIt) {
+    HostOptions o, p;
+    EXPECT_EQ(o.webPort, -1);
+    ASSERT_TRUE(Parse({"--web", "8080", "--service", "MVX Plus", "--scan"}, &o));
+    EXPECT_EQ(o.webPort, 8080);
+    EXPECT_EQ(o.webHost, "127.0.0.1");
+    ASSERT_TRUE(Parse({"--web", "0.0.0.0:0"}, &p));
+    EXPECT_EQ(p.webPort, 0);
+    EXPECT_EQ(p.webHost, "0.0.0.0");
+    for (auto args : {std::vector<const char*>{"--web"}, {"--web", "65536"}, {"--web", ":80"}, {"--web", "80.5"},
+                      {"--web", "host:"}, {"--web", "80", "--json"}, {"--web", "80", "--service", "A", "--wav", "a"}}) {
+        HostOptions fresh;
+        EXPECT_FALSE(Parse(args, &fresh)) << args.back();
+    }
+}
+
 TEST(BandChannels, RasterIsOrderedAndNamesRoundTrip) {
     const auto& channels = BandIIIChannels();
     for (size_t i = 0; i < channels.size(); ++i) {
