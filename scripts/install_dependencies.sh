@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
-# Installs the packages of scripts/packages.txt that are missing (Debian 12).
-# Sourced by run_demo.sh and run_tests.sh; can also be run by itself.
+# Installs the packages of scripts/packages.txt that are missing (Debian 12),
+# or those of the list file given as the first argument. Sourced by
+# run_demo.sh and run_tests.sh; can also be run by itself.
 set -u
 
 mvdab_install_dependencies() {
-    local list
-    list="$(dirname "${BASH_SOURCE[0]}")/packages.txt"
+    local list="${1:-$(dirname "${BASH_SOURCE[0]}")/packages.txt}"
     local missing=()
     local package
     while read -r package; do
@@ -33,5 +33,5 @@ mvdab_install_dependencies() {
 }
 
 if [ "${BASH_SOURCE[0]}" = "$0" ]; then
-    mvdab_install_dependencies
+    mvdab_install_dependencies "$@"
 fi
