@@ -63,16 +63,21 @@ void HandOverIqFrame(const uint8_t* frame) {
     } else if (c.handOverBuffer != nullptr) {
         std::memcpy(c.handOverBuffer, frame, kIqFrameBytes);
     }
+    ++c.framesHandedOver;
     LeaveIfInitialised(&handOverLock);
     platform::SetEvent(&frameEvent);
 }
 
-void TakeHandOverFrame(uint8_t* destination) {
+int32_t TakeHandOverFrame(uint8_t* destination) {
+    CaptureBuffers& c = captureBuffers;
     EnterIfInitialised(&handOverLock);
-    if (captureBuffers.handOverBuffer != nullptr && destination != nullptr) {
-        std::memcpy(destination, captureBuffers.handOverBuffer, kIqFrameBytes);
+    if (c.handOverBuffer != nullptr && destination != nullptr) {
+        std::memcpy(destination, c.handOverBuffer, kIqFrameBytes);
     }
+    const uint32_t since = c.framesHandedOver - c.framesTaken;
+    c.framesTaken = c.framesHandedOver;
     LeaveIfInitialised(&handOverLock);
+    return since > 1 ? int32_t(since - 1) : 0;
 }
 
 int32_t CaptureDeviceData() {

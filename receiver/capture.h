@@ -11,6 +11,8 @@ struct CaptureBuffers {
     uint8_t* gatheringBuffer;  // kIqFrameBytes: the IqFrame being put together
     uint8_t* handOverBuffer;   // kIqFrameBytes: the last finished IqFrame
     int32_t remaining;         // bytes still missing in the gathering buffer
+    uint32_t framesHandedOver; // IqFrames handed over since open (wraps)
+    uint32_t framesTaken;      // framesHandedOver at the demodulation thread's last take
 };
 extern CaptureBuffers captureBuffers;
 
@@ -35,8 +37,11 @@ int32_t GatherIqBytes(CaptureBuffers* buffers, const uint8_t* bytes, int32_t cou
 // on in the former hand-over buffer. Any other frame is copied.
 void HandOverIqFrame(const uint8_t* frame);
 // The demodulation thread's side: copies the hand-over buffer to `destination`
-// under the same lock.
-void TakeHandOverFrame(uint8_t* destination);
+// under the same lock. Returns the IqFrames that were handed over since the
+// previous take and written over before this thread took them: 0 while it
+// keeps up (also when the buffer was filled by other means than
+// HandOverIqFrame, as the thread-less test harness does).
+int32_t TakeHandOverFrame(uint8_t* destination);
 
 // One pass of the capture thread after deviceEvent: one read of the device,
 // gathered. Returns the bytes read.

@@ -21,12 +21,12 @@
 
 namespace mvdab {
 
-void RotateHistory() {
+int32_t RotateHistory() {
     WorkBlocks& w = workBlocks;
-    if (w.newestSlot == nullptr) return;
+    if (w.newestSlot == nullptr) return 0;
     if (w.oldestSlot != nullptr && w.middleSlot != nullptr) std::memcpy(w.oldestSlot, w.middleSlot, kIqFrameBytes);
     if (w.middleSlot != nullptr) std::memcpy(w.middleSlot, w.newestSlot, kIqFrameBytes);
-    TakeHandOverFrame(w.newestSlot);
+    return TakeHandOverFrame(w.newestSlot);
 }
 
 namespace {
@@ -157,7 +157,7 @@ int32_t RunAcquisitionStep() {
 }
 
 int32_t RunFrameStep() {
-    RotateHistory();
+    const int32_t lostIqFrames = RotateHistory();
     int32_t result = 1;
     // The mailbox can only be missing while the device is closed; then no
     // request can be waiting either.
@@ -185,8 +185,17 @@ int32_t RunFrameStep() {
         }
         GiveRequestMailbox();
     }
-    if (pipeline.resyncRequest == 1) {
-        NoteRestart();
+    // An IqFrame that the capture thread handed over while this thread was
+    // still busy with the one before is lost, and the history jumps by a
+    // block. With a frame position held (states 2 and 3), the next frames
+    // would be read across the gap: wrong symbols, and a plain
+    // sub-channel's bytes that were never sent, until the FIC's error count
+    // ended it. Acquisition starts again at once instead, as for a failing
+    // FIC, except that the gap tells nothing against the frequency shift of
+    // the entry.
+    const bool historyGap = lostIqFrames > 0 && pipeline.acquisitionState >= 2;
+    if (pipeline.resyncRequest == 1 || historyGap) {
+        if (pipeline.resyncRequest == 1) NoteRestart();
         FlushWorker();
         pipeline.servicesDirty = 1;
         ResetAcquisition();

@@ -16,11 +16,13 @@
 namespace mvdab {
 
 // Copies the older slots of IqHistory one slot back and the hand-over buffer
-// into the newest slot.
-void RotateHistory();
+// into the newest slot. Returns the IqFrames lost before it (see
+// TakeHandOverFrame), 0 when the history runs on without a gap.
+int32_t RotateHistory();
 
 // One IqFrame: RotateHistory, the requests under requestMailbox, a restart
-// asked for by resyncRequest, then RunAcquisitionStep. 1, or 0 when a service
+// asked for by resyncRequest or by a gap in the history while a frame
+// position is held, then RunAcquisitionStep. 1, or 0 when a service
 // set-up failed (that request is dropped and the mailbox given back).
 int32_t RunFrameStep();
 

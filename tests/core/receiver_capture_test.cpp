@@ -27,7 +27,7 @@ const std::vector<uint8_t> kStream = [] {
 // concatenated.
 std::vector<uint8_t> Gather(const std::vector<int32_t>& sizes) {
     std::vector<uint8_t> gathering(kIqFrameBytes);
-    CaptureBuffers buffers{nullptr, gathering.data(), nullptr, kIqFrameBytes};
+    CaptureBuffers buffers{nullptr, gathering.data(), nullptr, kIqFrameBytes, 0, 0};
     collected.clear();
     for (size_t i = 0, at = 0; at < kStream.size(); ++i) {
         const int32_t n = std::min(sizes[i % sizes.size()], int32_t(kStream.size() - at));
@@ -67,7 +67,7 @@ TEST(ReceiverCapture, HandOverByExchangeKeepsEveryIqFrameWhole) {
     for (size_t at = 0; at < kStream.size();) {
         const int32_t n = std::min(int32_t(100003), int32_t(kStream.size() - at));
         if (GatherIqBytes(&captureBuffers, kStream.data() + at, n, HandOverIqFrame) > 0) {
-            TakeHandOverFrame(taken.data());
+            EXPECT_EQ(TakeHandOverFrame(taken.data()), 0) << "none lost";
             EXPECT_TRUE(std::equal(taken.begin(), taken.end(), kStream.begin() + ptrdiff_t(frames) * kIqFrameBytes))
                 << "IqFrame " << frames;
             ++frames;
@@ -75,6 +75,9 @@ TEST(ReceiverCapture, HandOverByExchangeKeepsEveryIqFrameWhole) {
         at += size_t(n);
     }
     EXPECT_EQ(frames, 5);
+    // Three handed over before one take: two of them were lost.
+    for (int i = 0; i < 3; ++i) HandOverIqFrame(kStream.data());
+    EXPECT_EQ(TakeHandOverFrame(taken.data()), 2);
     FreeCaptureBuffers();
 }
 
@@ -137,7 +140,7 @@ TEST(ReceiverCapture, PacingReadsFewTimesPerIqFrameAndNeverTwoIqFramesAtOnce) {
 
 TEST(ReceiverCapture, EmptyAndInvalidReadsChangeNothing) {
     std::vector<uint8_t> gathering(kIqFrameBytes);
-    CaptureBuffers buffers{nullptr, gathering.data(), nullptr, kIqFrameBytes};
+    CaptureBuffers buffers{nullptr, gathering.data(), nullptr, kIqFrameBytes, 0, 0};
     collected.clear();
     EXPECT_EQ(GatherIqBytes(&buffers, kStream.data(), 0, Collect), 0);
     EXPECT_EQ(GatherIqBytes(&buffers, kStream.data(), -5, Collect), 0);

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "device/tuning.h"
+#include "receiver/capture.h"
 #include "receiver/frame_step.h"
 #include "receiver/receiver_state.h"
 #include "receiver/status_queries.h"
@@ -92,6 +93,29 @@ TEST_F(ReceiverStateMachine, SameFrequencyWithCleanFicAsksOnlyForAServiceReset) 
     EXPECT_EQ(receiverStatus.serviceResetRequest, 0);
     h.PushNoiseFrames(1, 11);
     EXPECT_EQ(pipeline.acquisitionState, 0);
+}
+
+// Regression: an IqFrame written over in the hand-over before the
+// demodulation thread took it left a gap in the history that tracking read
+// across, delivering bytes that were never sent until the FIC's error count
+// restarted it. A gap with a frame position held restarts at once.
+TEST_F(ReceiverStateMachine, IqFrameLostInTheHandOverRestartsTracking) {
+    ASSERT_EQ(h.Tune(227360), 1);
+    h.PushNoiseFrames(2, 12);
+    std::vector<uint8_t> frame(kIqFrameBytes, 128);
+    // The capture thread hands over one IqFrame per step: no restart.
+    pipeline.acquisitionState = -2;
+    HandOverIqFrame(frame.data());
+    RunFrameStep();
+    EXPECT_EQ(pipeline.acquisitionState, -2);
+    // Two before a step, while tracking: the first was never seen.
+    pipeline.acquisitionState = 3;
+    receiverStatus.syncState = 4;
+    HandOverIqFrame(frame.data());
+    HandOverIqFrame(frame.data());
+    RunFrameStep();
+    EXPECT_EQ(pipeline.acquisitionState, 0);
+    EXPECT_EQ(pipeline.resyncRequest, 0);
 }
 
 TEST_F(ReceiverStateMachine, LockQueryHasThreeAnswersAndQualityIsAStaircase) {
