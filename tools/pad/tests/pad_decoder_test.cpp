@@ -200,8 +200,8 @@ TEST(PadDecoderRobustness, RandomAndMutatedInputNeverReadsOutOfBounds) {
 }
 
 TEST(PadLabelText, CharacterSets) {
-    const uint8_t latin[] = {'A', 0x0A, 'B', 0x1F, 0x8E, 'C'};
-    EXPECT_EQ(pad::LabelText(latin, sizeof latin, 0), "A B?C");
+    const uint8_t latin[] = {'A', 0x0A, 'B', 0x1F, 0x8E, 'C', 0x0B, 0x00, 0x97, 0x24, 0xA9};
+    EXPECT_EQ(pad::LabelText(latin, sizeof latin, 0), "A B¡C?öł€");
     const uint8_t badUtf8[] = {'x', 0xC3, 0x28, 0xE2, 0x82, 0xAC};
     EXPECT_EQ(pad::LabelText(badUtf8, sizeof badUtf8, 15), "x?(€");
     const uint8_t ucs2[] = {0x00, 'a', 0x20, 0xAC, 0xD8, 0x00, 0x00};
