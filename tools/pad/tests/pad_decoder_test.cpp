@@ -44,7 +44,8 @@ TEST(PadRoundTrip, LabelsAndSlidesThroughFieldsOfEverySize) {
         int maxXpad, gap;
     } cases[] = {
         {"Now playing: a song", 56, 4},
-        {"Grüße aus Köln – ¡Olé!", 24, 2},   // UTF-8 sent as such
+        {"Grüße aus Köln – ¡Olé!", 24, 2},   // UTF-8 sent as such (no en dash in EBU Latin)
+        {"Ö1 Café: 5 € or $5", 16, 2},       // sent in EBU Latin
         {longAscii, 6, 0},                    // 8 segments through the smallest field
         {"A", 13, 4},
     };
@@ -57,6 +58,7 @@ TEST(PadRoundTrip, LabelsAndSlidesThroughFieldsOfEverySize) {
         Carry(encoder, decoder, 6000, c.maxXpad, c.gap, &objects);
         EXPECT_EQ(decoder.label(), c.label);
         EXPECT_EQ(decoder.labelVersion(), 1u);
+        EXPECT_EQ(gen::PadEncoder::LabelGroups(c.label, false)[0][1] >> 4, &c == &cases[1] ? 15 : 0);  // charset
         ASSERT_GE(objects.size(), 2u);
         for (size_t k = 0; k < 2; ++k) {
             EXPECT_EQ(objects[k].name, slides[k].name);
