@@ -5,6 +5,7 @@
 #include <map>
 #include <sstream>
 
+#include "generator/label_charset.h"
 #include "generator/payload_file.h"
 
 namespace gen {
@@ -163,6 +164,12 @@ std::vector<std::string> Words(const std::string& line) {
     return words;
 }
 
+// A label of at most `characters` characters, all of the EBU Latin set.
+bool FitsLabel(const std::string& text, size_t characters) {
+    std::string coded;
+    return EncodeEbuLatin(text, &coded) && coded.size() <= characters;
+}
+
 bool Number(const std::string& text, long long lo, long long hi, long long* out) {
     if (text.empty()) return false;
     errno = 0;
@@ -225,8 +232,8 @@ bool ParseLine(const std::vector<std::string>& words, EnsembleDescription* d, st
     if (what == "ensemble") {
         for (const auto& [key, value] : pairs) {
             if (key == "eid" && Number(value, 1, 0xFFFF, &v)) d->eid = static_cast<uint16_t>(v);
-            else if (key == "label" && value.size() <= 16) d->label = value;
-            else if (key == "short" && value.size() <= 8) d->shortLabel = value;
+            else if (key == "label" && FitsLabel(value, 16)) d->label = value;
+            else if (key == "short" && FitsLabel(value, 8)) d->shortLabel = value;
             else if (key == "alarm" && Number(value, 0, 1, &v)) d->alarm = v != 0;
             else if (key == "mode" && Number(value, 1, 4, &v)) d->mode = static_cast<int>(v);
             else if (key == "seed" && Number(value, 0, INT64_MAX, &v)) d->seed = static_cast<uint64_t>(v);
@@ -254,8 +261,8 @@ bool ParseLine(const std::vector<std::string>& words, EnsembleDescription* d, st
         ServiceDesc s;
         for (const auto& [key, value] : pairs) {
             if (key == "sid" && Number(value, 1, 0xFFFFFFFFll, &v)) s.sid = static_cast<uint32_t>(v);
-            else if (key == "label" && value.size() <= 16) s.label = value;
-            else if (key == "short" && value.size() <= 8) s.shortLabel = value;
+            else if (key == "label" && FitsLabel(value, 16)) s.label = value;
+            else if (key == "short" && FitsLabel(value, 8)) s.shortLabel = value;
             else if (key == "component") {
                 ComponentDesc c;
                 if (!ParseComponent(value, &c, why)) return false;

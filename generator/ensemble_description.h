@@ -40,7 +40,7 @@ struct ComponentDesc {
 
 struct ServiceDesc {
     uint32_t sid = 0;           // above 0xFFFF: 32-bit data-service id (no label is sent then)
-    std::string label;          // up to 16 characters
+    std::string label;          // UTF-8, up to 16 characters of the EBU Latin set
     std::string shortLabel;     // up to 8 characters of the label, in order; empty = first 8
     std::vector<ComponentDesc> components;  // the first is the primary component
 };
@@ -58,7 +58,7 @@ struct Reconfiguration {
 
 struct EnsembleDescription {
     uint16_t eid = 0xE123;      // ensemble id: country id (4 bits) + reference (12 bits)
-    std::string label;          // up to 16 characters
+    std::string label;          // as for services
     std::string shortLabel;     // as for services
     bool alarm = false;         // Al flag of the ensemble information
     int mode = 1;               // transmission mode 1..4

@@ -5,6 +5,7 @@
 #include <set>
 #include <sstream>
 
+#include "generator/label_charset.h"
 #include "generator/pad_encoder.h"
 #include "generator/payload_sources.h"
 
@@ -84,6 +85,13 @@ std::string Hex(uint32_t v, int digits) {
     return s.str();
 }
 
+// A label as sent: in EBU Latin, one byte a character; a label the set cannot
+// write (the description's reader rejects those) goes out byte for byte.
+std::string SentLabel(const std::string& text) {
+    std::string coded;
+    return EncodeEbuLatin(text, &coded) ? coded : text;
+}
+
 }  // namespace
 
 std::unique_ptr<Multiplex> Multiplex::Make(const EnsembleDescription& description, std::string* error) {
@@ -91,7 +99,7 @@ std::unique_ptr<Multiplex> Multiplex::Make(const EnsembleDescription& descriptio
     m->description_ = description;
     EnsembleDescription& d = m->description_;
     if (d.mode < 1 || d.mode > 4) return Refuse(error, "mode must be 1..4");
-    if (d.label.size() > 16) return Refuse(error, "ensemble label longer than 16 characters");
+    if (SentLabel(d.label).size() > 16) return Refuse(error, "ensemble label longer than 16 characters");
     if (d.firstCifCount < 0 || d.firstCifCount >= kCifCountCycle)
         return Refuse(error, "first CIF count must be 0..4999");
     if (d.subChannels.empty()) return Refuse(error, "an ensemble needs at least one sub-channel");
@@ -141,7 +149,7 @@ std::unique_ptr<Multiplex> Multiplex::Make(const EnsembleDescription& descriptio
     for (const ServiceDesc& s : d.services) {
         if (s.sid == 0 || !sids.insert(s.sid).second)
             return Refuse(error, "service id " + Hex(s.sid, 4) + " zero or used twice");
-        if (s.label.size() > 16) return Refuse(error, "service label longer than 16 characters");
+        if (SentLabel(s.label).size() > 16) return Refuse(error, "service label longer than 16 characters");
         if (s.components.empty() || s.components.size() > 15)
             return Refuse(error, "service " + Hex(s.sid, 4) + " needs 1..15 components");
         for (const ComponentDesc& c : s.components) {
@@ -212,11 +220,14 @@ void Multiplex::UpdateCarousel() {
         figs.push_back(std::move(f));
     for (Fig& f : PacketComponentFigs(d.services))
         figs.push_back(std::move(f));
-    figs.push_back(EnsembleLabelFig(d.eid, d.label, CharacterFlags(d.label, d.shortLabel)));
-    for (const ServiceDesc& s : d.services)
-        if (s.sid <= 0xFFFF)
-            figs.push_back(
-                ServiceLabelFig(static_cast<uint16_t>(s.sid), s.label, CharacterFlags(s.label, s.shortLabel)));
+    const std::string label = SentLabel(d.label);
+    figs.push_back(EnsembleLabelFig(d.eid, label, CharacterFlags(label, SentLabel(d.shortLabel))));
+    for (const ServiceDesc& s : d.services) {
+        if (s.sid > 0xFFFF) continue;
+        const std::string serviceLabel = SentLabel(s.label);
+        figs.push_back(ServiceLabelFig(static_cast<uint16_t>(s.sid), serviceLabel,
+                                       CharacterFlags(serviceLabel, SentLabel(s.shortLabel))));
+    }
     scheduler_.SetCarousel(std::move(figs));
 }
 

@@ -20,6 +20,7 @@
 #include <cstring>
 #include <filesystem>
 
+#include "generator/label_charset.h"
 #include "generator/payload_coding.h"
 #include "generator/payload_file.h"
 
@@ -94,10 +95,11 @@ std::vector<std::vector<uint8_t>> PadEncoder::LabelGroups(const std::string& lab
         groups.push_back(std::move(clear));
         return groups;
     }
-    const size_t length = std::min(label.size(), kLabelMaxBytes);
-    const bool ascii = std::all_of(label.begin(), label.begin() + static_cast<long>(length),
-                                   [](char c) { return static_cast<unsigned char>(c) < 0x80; });
-    const int charset = ascii ? 0 : 15;  // EBU Latin (same as ASCII for 0x20..0x7E) or UTF-8
+    // EBU Latin when the set has every character of the label, else UTF-8.
+    std::string text;
+    const int charset = EncodeEbuLatin(label, &text) ? 0 : 15;
+    if (charset == 15) text = label;
+    const size_t length = std::min(text.size(), kLabelMaxBytes);
     const int segments = static_cast<int>((length + 15) / 16);
     for (int i = 0; i < segments; ++i) {
         const size_t first = static_cast<size_t>(i) * 16, n = std::min<size_t>(16, length - first);
@@ -105,7 +107,7 @@ std::vector<std::vector<uint8_t>> PadEncoder::LabelGroups(const std::string& lab
             static_cast<uint8_t>(t | (i == 0 ? 0x40 : 0) | (i == segments - 1 ? 0x20 : 0) | (n - 1)),
             static_cast<uint8_t>(i == 0 ? charset << 4 : i << 4),
         };
-        g.insert(g.end(), label.begin() + static_cast<long>(first), label.begin() + static_cast<long>(first + n));
+        g.insert(g.end(), text.begin() + static_cast<long>(first), text.begin() + static_cast<long>(first + n));
         AppendCrc(g);
         groups.push_back(std::move(g));
     }

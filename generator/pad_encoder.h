@@ -43,8 +43,8 @@ struct PadField {
 // next picture, and so on, without end. Deterministic.
 class PadEncoder {
 public:
-    // `label`: UTF-8, up to 128 bytes (sent as EBU Latin when it is plain
-    // ASCII, else as UTF-8). Either may be empty.
+    // `label`: UTF-8, up to 128 bytes as sent (in EBU Latin when the set has
+    // all its characters, else in UTF-8). Either may be empty.
     PadEncoder(std::string label, std::vector<PadSlide> slides);
     // The PAD of the next frame with at most `maxXpad` X-PAD bytes (at least
     // 6 are needed for anything to be sent).

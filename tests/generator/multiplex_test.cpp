@@ -78,6 +78,7 @@ TEST(Multiplex, FicBlocksDecodeToTheSentFibsInEveryMode) {
 // Reads back the multiplex configuration from a few dozen FIB groups.
 TEST(Multiplex, FigsCarryTheDescription) {
     gen::EnsembleDescription d = Preset("default", 1);
+    d.label = "MVX DEFAULT Ö€$";  // sent in EBU Latin
     auto m = Build(d);
     auto fibs = Record(*m);
     std::vector<uint8_t> bits;
@@ -136,7 +137,7 @@ TEST(Multiplex, FigsCarryTheDescription) {
     EXPECT_EQ(services[0xE1E00203], (std::vector<uint8_t>{0xC0, (1 << 2) | 2}));
     ASSERT_EQ(packetComponents.size(), 1u);
     EXPECT_EQ(packetComponents[1], (std::vector<uint8_t>{0x00, 0x10, 0x00, 3 << 2, 1}));
-    EXPECT_EQ(labels[d.eid], std::string("MVX DEFAULT     \xE0\x00", 18));  // short label "MVX"
+    EXPECT_EQ(labels[d.eid], std::string("MVX DEFAULT \xD7\xA9\xAB \xE0\x00", 18));  // short label "MVX"
     EXPECT_EQ(labels[0xE201], std::string("MVX Plus        \x0F\x00", 18));  // "Plus"
     EXPECT_EQ(labels.count(0x0203), 0u);  // 32-bit ids get no label
     EXPECT_EQ(gen::CharacterFlags("AB CDEFGHIJ", ""), 0xDF80);  // first 8 non-spaces
@@ -283,7 +284,7 @@ TEST(EnsembleDescription, FileFormatAndItsErrors) {
         "subchannel id=5 start=10 protection=eep-b:2 bitrate=64 payload=random:3\n"
         "subchannel id=6 protection=uep:4 bitrate=96 payload=random:4   # after id 5\n"
         "subchannel id=7 protection=eep-a:4 bitrate=16 payload=packet:5,size=48\n"
-        "service sid=0xE2B1 label=\"File One\" component=dabplus:5 component=stream:6,dscty=24\n"
+        "service sid=0xE2B1 label=\"Köln Süd Öffentl\" component=dabplus:5 component=stream:6,dscty=24\n"
         "service sid=0xE2E000B2 component=packet:7,scid=9,address=33,dscty=5\n"
         "reconfigure cif=300 subchannel=6 start=600 announce=100\n";
     gen::EnsembleDescription d;
@@ -308,6 +309,7 @@ TEST(EnsembleDescription, FileFormatAndItsErrors) {
         {"subchannel id=1 protection=eep-a:3 bitrate=48\n", "payload"},
         {"service sid=1 component=video:1\n", "component kind"},
         {"ensemble label=\"SEVENTEEN LETTERS\"\n", "label"},
+        {"service sid=1 label=\"a{b}\"\n", "label"},  // no braces in EBU Latin
     };
     for (auto [line, expected] : bad) {
         EXPECT_FALSE(gen::ParseDescription(line, 1, 1, &d, &error)) << line;

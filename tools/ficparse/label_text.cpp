@@ -3,6 +3,8 @@
 #include <cstring>
 #include <vector>
 
+#include "tools/ficparse/ebu_latin.h"
+
 namespace ficparse {
 
 namespace {
@@ -86,7 +88,7 @@ void DecodeLabel(const uint8_t raw[16], int charset, uint16_t shortMask, Label& 
             chars.push_back(cp >= 0xD800 && cp <= 0xDFFF ? kReplacement : cp);
         }
     } else {
-        for (int i = 0; i < 16; ++i) chars.push_back(raw[i] >= 0x20 && raw[i] <= 0x7E ? raw[i] : kReplacement);
+        for (int i = 0; i < 16; ++i) chars.push_back(kEbuLatin[raw[i]]);
     }
     // Padding: trailing spaces (and NULs of UCS-2 or UTF-8 labels) are not text.
     size_t end = chars.size();

@@ -26,6 +26,7 @@
 
 #include <algorithm>
 
+#include "tools/ficparse/ebu_latin.h"
 #include "tools/ficparse/fic_parser.h"
 
 namespace pad {
@@ -109,9 +110,10 @@ std::string LabelText(const uint8_t* bytes, size_t length, int charset) {
             else if (c >= 0x20) AppendUtf8(c, out);
             i += 2;
         } else {
-            // Line and word break hints (0x0A, 0x0B, 0x1F) read as a space or nothing.
-            const uint8_t c = bytes[i++];
-            if (c >= 0x20 && c < 0x7F) out += static_cast<char>(c);
+            // Line and word break hints (0x0A, 0x0B, 0x1F) read as a space or
+            // nothing; the unused 0x00 as '?'.
+            const uint32_t c = ficparse::kEbuLatin[bytes[i++]];
+            if (c >= 0x20) AppendUtf8(c, out);
             else if (c == 0x0A) out += ' ';
             else if (c != 0x0B && c != 0x1F) out += '?';
         }

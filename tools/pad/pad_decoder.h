@@ -52,8 +52,9 @@ int Mp2ScfCrcBytes(const uint8_t header[4]);
 size_t Mp2FrameBytes(const uint8_t header[4]);
 
 // Dynamic Label text in UTF-8 from its bytes and character set: 0 EBU Latin
-// (printable ASCII kept, other codes as '?'), 15 UTF-8 (invalid sequences as
-// '?'), 6 UCS-2 big-endian; any other set is read like 0.
+// (line break hint as a space, other hints dropped, the unused code as '?'),
+// 15 UTF-8 (invalid sequences as '?'), 6 UCS-2 big-endian; any other set is
+// read like 0.
 std::string LabelText(const uint8_t* bytes, size_t length, int charset);
 
 class PadDecoder {

@@ -14,7 +14,7 @@ ficparse::FicParser ParsedEnsemble() {
     ficparse::FicParser parser;
     for (const Bytes& fib : PackFibs({
              Fig00(0xE123, 1, false, 4, 234, 240),
-             Fig1(0, 0xE123, "Quote\" \\ Back", 0xF800),
+             Fig1(0, 0xE123, "Quote\" \\ Back", 0xF800, 15),  // UTF-8, which has a backslash
              Fig01({{1, 0, false, 5, 0, 0, 0}, {2, 24, true, 0, 1, 3, 18}}),
              Fig02({{0xC221, 0, {{0, 63, 2, true, false}}}, {0xC222, 0, {{0, 0, 1, true, false}}}}, false),
              Fig02({{0xE0C12345u, 0, {{3, 9, 0, true, false}}}}, true),

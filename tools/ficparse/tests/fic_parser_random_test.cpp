@@ -10,6 +10,7 @@
 #include <random>
 #include <set>
 #include <sstream>
+#include <string_view>
 
 #include "tools/ficparse/ensemble_print.h"
 #include "tools/ficparse/tests/fig_writer.h"
@@ -28,9 +29,16 @@ struct Description {
     ficparse::Ensemble want;  // only the fields checked below are filled
 };
 
+// Labels of the printable ASCII characters that the EBU Latin set shares.
 std::string RandomLabel(std::mt19937& rng) {
+    static const std::string kShared = [] {
+        std::string chars;
+        for (char c = ' '; c <= '~'; ++c)
+            if (std::string_view("$\\^`{|}~").find(c) == std::string_view::npos) chars += c;
+        return chars;
+    }();
     std::string s(1 + rng() % 16, ' ');
-    for (char& c : s) c = char(' ' + rng() % 95);
+    for (char& c : s) c = kShared[rng() % kShared.size()];
     s.back() = 'X';  // trailing spaces are trimmed
     return s;
 }

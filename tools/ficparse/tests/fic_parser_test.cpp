@@ -3,9 +3,13 @@
 // kept out of the model, completeness and the label character sets.
 #include <gtest/gtest.h>
 
+#include <cstring>
+#include <set>
 #include <tuple>
 
+#include "tools/ficparse/ebu_latin.h"
 #include "tools/ficparse/fic_parser.h"
+#include "tools/ficparse/label_text.h"
 #include "tools/ficparse/tests/fig_writer.h"
 
 using namespace figwriter;
@@ -254,11 +258,40 @@ TEST(FicParser, LabelCharacterSets) {
     const std::string utf8 = "Caf\xC3\xA9 \xE2\x82\xAC 1234\xE2\x82";
     const std::string ucs2("\x00\x41\x00\x62\xD8\x00\x00\x20\x00\x20\x00\x20\x00\x20\x00\x20", 16);
     const FicParser parser = Parsed({Fig1(0, 0x1, utf8, 0xF000, 15), Fig02({{0xC600, 0, {}}, {0xC601, 0, {}}}, false),
-                                     Fig1(1, 0xC600, ucs2, 0xC000, 6), Fig1(1, 0xC601, "Tab\tX\x80\xFF", 0)});
+                                     Fig1(1, 0xC600, ucs2, 0xC000, 6), Fig1(1, 0xC601, "Tab\x0BX\x80\xFF", 0)});
     const auto& e = parser.ensemble();
     EXPECT_EQ(e.label.text, "Caf\xC3\xA9 \xE2\x82\xAC 1234??");
     EXPECT_EQ(e.label.shortText, "Caf\xC3\xA9");
     EXPECT_EQ(e.services.at(0xC600).label.text, "Ab?");
     EXPECT_EQ(e.services.at(0xC600).label.shortText, "Ab");
-    EXPECT_EQ(e.services.at(0xC601).label.text, "Tab?X??");
+    EXPECT_EQ(e.services.at(0xC601).label.text, "Tab?Xáħ");
+}
+
+TEST(FicParser, EbuLatinLabels) {
+    // Known answers read off the published EBU Latin code table, including the
+    // codes where it differs from ASCII; control codes never reach the text.
+    const struct {
+        const char* raw;
+        const char* text;
+    } cases[] = {
+        {"Radio Fr\x97hlich", "Radio Fröhlich"},
+        {"\xC2lan \xD7\xD1\xD9 \x8D\x82", "Élan ÖÄÜ ßé"},
+        {"\x91\x99 \xA9\xAB\x24\x60\x7E\x7F", "äü €$łĄĽĦ"},
+        {"\x01\x1E\x5C\x5E\x7B\x7C\x7D\xEE\xFF", "ĘżŮŁ«ů»Ťħ"},
+        {"\xA8\xB7 \xCA\xDB\x0A\x0B\x1F", "Őű Řč???"},
+    };
+    for (const auto& c : cases) {
+        uint8_t raw[16];
+        std::memset(raw, ' ', sizeof raw);
+        std::memcpy(raw, c.raw, std::strlen(c.raw));
+        ficparse::Label label;
+        ficparse::DecodeLabel(raw, 0, 0x03FC, label);
+        EXPECT_EQ(label.text, c.text) << c.raw;
+        if (&c == &cases[0]) {
+            EXPECT_EQ(label.shortText, "Fröhlich");
+        }
+    }
+    // No two codes of the set stand for the same character.
+    const std::set<uint16_t> distinct(std::begin(ficparse::kEbuLatin), std::end(ficparse::kEbuLatin));
+    EXPECT_EQ(distinct.size(), 256u);
 }

@@ -44,7 +44,8 @@ TEST(PadRoundTrip, LabelsAndSlidesThroughFieldsOfEverySize) {
         int maxXpad, gap;
     } cases[] = {
         {"Now playing: a song", 56, 4},
-        {"Grüße aus Köln – ¡Olé!", 24, 2},   // UTF-8 sent as such
+        {"Grüße aus Köln – ¡Olé!", 24, 2},   // UTF-8 sent as such (no en dash in EBU Latin)
+        {"Ö1 Café: 5 € or $5", 16, 2},       // sent in EBU Latin
         {longAscii, 6, 0},                    // 8 segments through the smallest field
         {"A", 13, 4},
     };
@@ -57,6 +58,7 @@ TEST(PadRoundTrip, LabelsAndSlidesThroughFieldsOfEverySize) {
         Carry(encoder, decoder, 6000, c.maxXpad, c.gap, &objects);
         EXPECT_EQ(decoder.label(), c.label);
         EXPECT_EQ(decoder.labelVersion(), 1u);
+        EXPECT_EQ(gen::PadEncoder::LabelGroups(c.label, false)[0][1] >> 4, &c == &cases[1] ? 15 : 0);  // charset
         ASSERT_GE(objects.size(), 2u);
         for (size_t k = 0; k < 2; ++k) {
             EXPECT_EQ(objects[k].name, slides[k].name);
@@ -200,8 +202,8 @@ TEST(PadDecoderRobustness, RandomAndMutatedInputNeverReadsOutOfBounds) {
 }
 
 TEST(PadLabelText, CharacterSets) {
-    const uint8_t latin[] = {'A', 0x0A, 'B', 0x1F, 0x8E, 'C'};
-    EXPECT_EQ(pad::LabelText(latin, sizeof latin, 0), "A B?C");
+    const uint8_t latin[] = {'A', 0x0A, 'B', 0x1F, 0x8E, 'C', 0x0B, 0x00, 0x97, 0x24, 0xA9};
+    EXPECT_EQ(pad::LabelText(latin, sizeof latin, 0), "A B¡C?öł€");
     const uint8_t badUtf8[] = {'x', 0xC3, 0x28, 0xE2, 0x82, 0xAC};
     EXPECT_EQ(pad::LabelText(badUtf8, sizeof badUtf8, 15), "x?(€");
     const uint8_t ucs2[] = {0x00, 'a', 0x20, 0xAC, 0xD8, 0x00, 0x00};

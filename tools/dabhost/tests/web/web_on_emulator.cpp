@@ -157,13 +157,13 @@ TEST(WebOnEmulator, EnsembleServiceAudioLabelSlideAndBadCommands) {
     r = http.Post("/api/tune", R"({"frequency": "12D"})", "application/json");
     ASSERT_TRUE(r);
     EXPECT_EQ(r->status, 202);
-    r = http.Post("/api/select", R"({"service": "PAD Plus"})", "application/json");
+    r = http.Post("/api/select", R"({"service": "PAD Plüs"})", "application/json");
     s = WaitFor(http, [](const json& s) {
-        return ServiceIs(s, "PAD Plus") && s["service"]["dynamicLabel"] != "" && s["service"]["slides"] > 0;
+        return ServiceIs(s, "PAD Plüs") && s["service"]["dynamicLabel"] != "" && s["service"]["slides"] > 0;
     }, 25);
     EXPECT_EQ(s["frequencyKhz"], 229072);
     EXPECT_EQ(s["ensemble"]["label"], "MVX PAD");
-    ASSERT_TRUE(ServiceIs(s, "PAD Plus")) << s.dump();
+    ASSERT_TRUE(ServiceIs(s, "PAD Plüs")) << s.dump();
     EXPECT_EQ(s["service"]["dynamicLabel"], "DAB+ now: Grüße");
     auto slide = http.Get("/slide");
     ASSERT_TRUE(slide);
