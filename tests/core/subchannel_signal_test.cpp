@@ -204,7 +204,9 @@ double ExactShare(int32_t mode, double snrDb, const std::string& profile, int32_
     gen::ChannelParams channel;
     channel.snrDb = snrDb;
     channel.seed = 11;
-    if (profile != "awgn") EXPECT_TRUE(gen::MultipathProfile(profile, &channel.taps));
+    if (profile != "awgn") {
+        EXPECT_TRUE(gen::MultipathProfile(profile, &channel.taps));
+    }
     MscFeed feed(Preset("default", mode), channel);
     if (!feed.ok() || !feed.PushUntilLocked(3.0)) return 0.0;
     if (feed.Add(id, 0) != 1) return 0.0;
