@@ -21,11 +21,49 @@
 
 namespace mvdab {
 
+namespace {
+
+// Bytes kept below the next frame's position: more than its fraction and the
+// rounding down to an even byte, so also the 64-byte alignment of the start.
+constexpr int32_t kKeptBelowFrame = 128;
+
+// Offset from the history's start of the first byte that a later read can
+// still reach; everything below it is dead. While tracking, the next frame
+// starts at framePositionExact, and every read of that frame and of those
+// after it lies at or above that position: the symbols are read forwards from
+// the frame's start, and each later frame starts a frame period further on
+// (the timing loop moves it by a few samples, never by a period). In any other
+// state the whole history is live.
+int64_t FirstLiveByte(const uint8_t* historyStart) {
+    const FramePipeline& p = pipeline;
+    if (p.acquisitionState != 3 || workBlocks.historyBase != historyStart) return 0;
+    const float position = p.framePositionExact;
+    // A position outside the history makes the next step start again; it is
+    // not trusted to bound anything.
+    if (!(position >= 0.0f) || !(position < float(3 * kIqFrameBytes))) return 0;
+    const int64_t first = int64_t(position) - kKeptBelowFrame;
+    return first <= 0 ? 0 : first & ~int64_t(63);
+}
+
+}  // namespace
+
+// The older slots move one slot back: the middle slot's bytes to the oldest,
+// the newest's to the middle. They lie next to one another, so this is one
+// move of the whole history less its oldest slot. Only the bytes at or above
+// FirstLiveByte are moved: in mode I the next frame often starts well inside
+// the middle slot or beyond it, and the bytes below it would be thrown away
+// unread. What the next frame steps read is therefore byte for byte what a
+// move of whole slots leaves there; the dead bytes keep stale samples.
 void RotateHistory() {
     WorkBlocks& w = workBlocks;
     if (w.newestSlot == nullptr) return;
-    if (w.oldestSlot != nullptr && w.middleSlot != nullptr) std::memcpy(w.oldestSlot, w.middleSlot, kIqFrameBytes);
-    if (w.middleSlot != nullptr) std::memcpy(w.middleSlot, w.newestSlot, kIqFrameBytes);
+    if (w.middleSlot != nullptr) {
+        uint8_t* start = w.oldestSlot != nullptr ? w.oldestSlot : w.middleSlot;
+        const int64_t end = w.newestSlot + kIqFrameBytes - start;
+        int64_t from = FirstLiveByte(start);
+        if (from < kIqFrameBytes) from = kIqFrameBytes;
+        if (from < end) std::memmove(start + from - kIqFrameBytes, start + from, size_t(end - from));
+    }
     TakeHandOverFrame(w.newestSlot);
 }
 

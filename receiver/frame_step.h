@@ -15,8 +15,9 @@
 
 namespace mvdab {
 
-// Copies the older slots of IqHistory one slot back and the hand-over buffer
-// into the newest slot.
+// Moves the older slots of IqHistory one slot back and copies the hand-over
+// buffer into the newest slot. While tracking, bytes below the next frame's
+// position, which no later read reaches, are left behind unmoved.
 void RotateHistory();
 
 // One IqFrame: RotateHistory, the requests under requestMailbox, a restart
