@@ -208,8 +208,8 @@ int32_t DemodulateFrame() {
         if (word == 0) continue;
 
         // The useful part only: the window starts at the end of the guard.
-        UnpackSamples(frame + 2 * static_cast<int64_t>(m.symbolLength) * l, b.dftWork, n);
-        RotateSamples(b.dftWork, n, f.samplePhase, f.samplePhaseIncrement);
+        UnpackRotateSamples(frame + 2 * static_cast<int64_t>(m.symbolLength) * l, b.dftWork, n, f.samplePhase,
+                            f.samplePhaseIncrement);
         f.samplePhase = WrapPhase(f.samplePhase + m.symbolLength * f.samplePhaseIncrement);
         DftSucceeded(ForwardDft(&dftPlan, b.dftWork));
 
