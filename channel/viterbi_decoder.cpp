@@ -128,21 +128,43 @@ void RunViterbiScalar(const SoftWord* words, int32_t count, uint64_t* decisions)
 
 namespace {
 
+// The state one step back, as its decision bit: from b = DecisionBit(s) of
+// the state s after step p and the decision word d of step p, DecisionBit of
+// (s >> 1) | (oldest bit << 5), the state before it. s >> 1 is b & 31, so the
+// new state's bit 0 is bit 0 of b and its upper bits are (b & 31) >> 1 with
+// the oldest bit on top. Working on b rather than on s keeps the loop-carried
+// chain to a shift, a mask and two merges.
+constexpr uint32_t StepBack(uint32_t bit, uint64_t d) {
+    return ((bit & 1) << 5) | ((bit >> 1) & 15) | (static_cast<uint32_t>((d >> bit) & 1) << 4);
+}
+
+constexpr bool StepBackFollowsTheState() {
+    for (uint32_t s = 0; s < 64; ++s) {
+        for (uint32_t oldest = 0; oldest < 2; ++oldest) {
+            const uint32_t bit = static_cast<uint32_t>(DecisionBit(static_cast<int32_t>(s)));
+            const uint64_t d = static_cast<uint64_t>(oldest) << bit;
+            const uint32_t before = (s >> 1) | (oldest << 5);
+            if (StepBack(bit, d) != static_cast<uint32_t>(DecisionBit(static_cast<int32_t>(before)))) return false;
+            if ((bit >> 5) != (s & 1)) return false;
+        }
+    }
+    return true;
+}
+static_assert(StepBackFollowsTheState());
+
 // Follows the decisions back from state 0 at the end of the block. The state
-// after step p holds the input bit of step p in bit 0; the decision word of
-// step p gives the oldest bit of the state before it.
+// after step p holds the input bit of step p in bit 0, which is bit 5 of its
+// decision bit; the decision word of step p gives the oldest bit of the state
+// before it.
 void TraceBack(const uint64_t* decisions, int32_t count, uint8_t* output) {
     const int32_t byteCount = (count - kViterbiTailSteps) / 8;
-    uint32_t state = 0;
-    for (int32_t t = count - 1; t >= byteCount * 8; --t) {
-        state = (state >> 1) | static_cast<uint32_t>(((decisions[t] >> DecisionBit(state)) & 1) << 5);
-    }
+    uint32_t bit = static_cast<uint32_t>(DecisionBit(0));
+    for (int32_t t = count - 1; t >= byteCount * 8; --t) bit = StepBack(bit, decisions[t]);
     for (int32_t b = byteCount - 1; b >= 0; --b) {
         uint32_t packed = 0;
         for (int32_t k = 7; k >= 0; --k) {
-            packed |= (state & 1) << (7 - k);
-            const uint64_t d = decisions[8 * b + k] >> DecisionBit(state);
-            state = (state >> 1) | static_cast<uint32_t>((d & 1) << 5);
+            packed |= (bit >> 5) << (7 - k);
+            bit = StepBack(bit, decisions[8 * b + k]);
         }
         output[b] = static_cast<uint8_t>(packed);
     }

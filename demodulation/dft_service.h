@@ -33,6 +33,14 @@ bool DftSucceeded(int32_t status);
 // Multiplies complex sample n of `samples` by e^(j(phase + n*phaseIncrement)),
 // in place; `count` is a multiple of 4. Four phasors advanced by recurrence in
 // single precision: two sine/cosine pairs per call, none per sample.
+// Four lanes at a time where SSE2 is there, with the same bits as
+// RotateSamplesScalar, the plain loop.
 void RotateSamples(float* samples, int32_t count, double phase, double phaseIncrement);
+void RotateSamplesScalar(float* samples, int32_t count, double phase, double phaseIncrement);
+
+// The same rotation of `count` complex samples given as unsigned byte pairs
+// (b stands for b - 127.5, real part first), written to `samples`: the bits
+// of unpacking into `samples` and then RotateSamples, in one pass.
+void UnpackRotateSamples(const uint8_t* bytes, float* samples, int32_t count, double phase, double phaseIncrement);
 
 }  // namespace mvdab

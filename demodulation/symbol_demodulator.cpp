@@ -133,8 +133,11 @@ float QualityFromValues(const float* values, const float* previousCarriers, int3
         // A carrier without power has no weight in either sum.
         if (!(w > 0.0f)) continue;
         for (int32_t part = 0; part < 2; ++part) {
+            // v + c for a negative v is v - (-c) to the bit; the table lookup
+            // keeps a branch on the data's sign, a coin toss, out of the loop.
+            static constexpr float kNearest[2] = {kQpskComponent, -kQpskComponent};
             const float v = values[2 * i + part];
-            const float d = v < 0.0f ? v + kQpskComponent : v - kQpskComponent;
+            const float d = v - kNearest[v < 0.0f ? 1 : 0];
             signal += static_cast<double>(v) * v * w;
             distortion += static_cast<double>(d) * d * w;
         }
@@ -208,8 +211,8 @@ int32_t DemodulateFrame() {
         if (word == 0) continue;
 
         // The useful part only: the window starts at the end of the guard.
-        UnpackSamples(frame + 2 * static_cast<int64_t>(m.symbolLength) * l, b.dftWork, n);
-        RotateSamples(b.dftWork, n, f.samplePhase, f.samplePhaseIncrement);
+        UnpackRotateSamples(frame + 2 * static_cast<int64_t>(m.symbolLength) * l, b.dftWork, n, f.samplePhase,
+                            f.samplePhaseIncrement);
         f.samplePhase = WrapPhase(f.samplePhase + m.symbolLength * f.samplePhaseIncrement);
         DftSucceeded(ForwardDft(&dftPlan, b.dftWork));
 

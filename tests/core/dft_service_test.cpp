@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <complex>
+#include <cstring>
 #include <random>
 #include <vector>
 
@@ -101,6 +102,21 @@ TEST(RotateSamples, FollowsDirectSineAndCosineOver2048Samples) {
             worst = std::max(worst, error / std::max(1.0, std::abs(expected)));
         }
         EXPECT_LT(worst, 2e-4) << "phase " << c[0] << " increment " << c[1];
+
+        // The vector path and the fused unpacking keep the plain loop's bits.
+        std::vector<float> plain = input;
+        RotateSamplesScalar(plain.data(), n, c[0], c[1]);
+        EXPECT_EQ(0, std::memcmp(plain.data(), rotated.data(), plain.size() * sizeof(float)));
+        std::vector<uint8_t> bytes(2 * n);
+        std::vector<float> unpacked(2 * n);
+        for (int32_t i = 0; i < 2 * n; ++i) {
+            bytes[i] = static_cast<uint8_t>(i * 37 + (i >> 5));
+            unpacked[i] = static_cast<float>(bytes[i]) - 127.5f;
+        }
+        RotateSamplesScalar(unpacked.data(), n, c[0], c[1]);
+        std::vector<float> fused(2 * n);
+        UnpackRotateSamples(bytes.data(), fused.data(), n, c[0], c[1]);
+        EXPECT_EQ(0, std::memcmp(unpacked.data(), fused.data(), fused.size() * sizeof(float)));
     }
 }
 
