@@ -50,8 +50,9 @@ using mvdab::test::LongTestsWanted;
 
 TEST(ApiMscModes, PlainSubChannelBytesAreTheBytesSentInEveryMode) {
     // Real time, as from a stick (see ApiFicModes for what a faster pace
-    // does to the first entry); sanitized builds play the signal slowed.
-    const double speed = mvdab::test::kSanitized ? 0.75 : 1.0;
+    // does to the first entry); sanitized builds, several times slower,
+    // play the signal slowed down as much.
+    const double speed = mvdab::test::kSanitized ? 0.3 : 1.0;
     const double signalSeconds = LongTestsWanted() ? 60.0 : mvdab::test::kSanitized ? 1.5 : 3.0;
     mvdab::test::SetDevicePace(speed);
     ASSERT_EQ(MVDAB_SetFICCallBack(OnFic), 1);
