@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # An independent receiver as referee for the transmitter's PAD: a 12 s
 # recording of an MP2 and a DAB+ service, each with a label and pictures, is
-# played to welle-cli's web server, whose service list must show both labels
-# exactly and whose slide of each service must be one of the pictures sent.
+# played to welle-cli's web server, whose service list must show both
+# Dynamic Labels and the service label written in EBU Latin exactly, and
+# whose slide of each service must be one of the pictures sent.
 # Opt-in (MVDAB_LONG_TESTS=1); skipped (77) without welle-cli or curl.
 # Usage: pad_referee_welle.sh DABGEN WORK MP2FILE SLIDES
 set -u
@@ -24,6 +25,8 @@ failed=0
 for label in "DAB+ now: Grüße" "MP2 now: a text of more than sixteen characters"; do
     grep -qF "\"dls\":{\"label\":\"$label\"" "$work/mux.json" || { echo "FAILED: welle-cli does not show $label"; failed=1; }
 done
+# The DAB+ service's label holds an umlaut: sent in the EBU Latin set.
+grep -qF '"label":"PAD Plüs' "$work/mux.json" || { echo "FAILED: welle-cli does not show the service label PAD Plüs"; failed=1; }
 for sid in 58049 58050; do
     found=0
     for picture in "$slides"/*; do cmp -s "$picture" "$work/slide-$sid" && found=1; done
