@@ -266,9 +266,8 @@ void UnpackRotateSamples(const uint8_t* bytes, float* samples, int32_t count, do
     const __m128i zero = _mm_setzero_si128();
     RotateGroups(samples, groups, StartRotation(phase, phaseIncrement),
                  [bytes, centre, zero](int32_t g, __m128* x, __m128* y) {
-                     int64_t eight;
-                     std::memcpy(&eight, bytes + 8 * g, sizeof(eight));
-                     const __m128i words = _mm_unpacklo_epi8(_mm_cvtsi64_si128(eight), zero);
+                     const __m128i eight = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(bytes + 8 * g));
+                     const __m128i words = _mm_unpacklo_epi8(eight, zero);
                      // Real parts in the even 16-bit words, imaginary parts in the odd.
                      const __m128i real = _mm_and_si128(words, _mm_set1_epi32(0xFFFF));
                      const __m128i imaginary = _mm_srli_epi32(words, 16);
