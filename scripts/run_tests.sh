@@ -42,7 +42,7 @@ run_suite() {
         # on kernels with many random mmap bits.
         command -v setarch > /dev/null && runner=(setarch "$(uname -m)" -R)
     fi
-    if "${runner[@]}" ctest --test-dir "$dir" --output-on-failure --no-tests=error; then
+    if "${runner[@]}" ctest --test-dir "$dir" -j "$jobs" --output-on-failure --no-tests=error; then
         summary+=("$name: passed ($((SECONDS - start)) s)")
     else
         summary+=("$name: tests FAILED ($((SECONDS - start)) s)")

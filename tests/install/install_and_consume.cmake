@@ -1,8 +1,7 @@
 # Installs the build in BINARY_DIR into WORK_DIR/prefix, then configures,
 # builds and runs the consumer in CONSUMER_DIR twice: through find_package and
-# through pkg-config. CONSUMER_FLAGS (optional) go to the consumer's compiler
-# and linker, for a sanitized library. Run as a script: cmake -DBINARY_DIR=..
-# -DCONSUMER_DIR=.. -DWORK_DIR=.. [-DCONSUMER_FLAGS=..] -P install_and_consume.cmake
+# through pkg-config. Run as a script: cmake -DBINARY_DIR=..
+# -DCONSUMER_DIR=.. -DWORK_DIR=.. -P install_and_consume.cmake
 file(REMOVE_RECURSE ${WORK_DIR})
 set(prefix ${WORK_DIR}/prefix)
 
@@ -28,8 +27,7 @@ foreach(way package pkgconfig)
   endif()
   # Neither way may see the build tree or a system installation's package.
   run(${CMAKE_COMMAND} -E env PKG_CONFIG_PATH=${pc_dir} PKG_CONFIG_LIBDIR=${pc_dir}
-      ${CMAKE_COMMAND} -S ${CONSUMER_DIR} -B ${build} ${options} -DCMAKE_FIND_USE_PACKAGE_REGISTRY=OFF
-      "-DCMAKE_C_FLAGS=${CONSUMER_FLAGS}" "-DCMAKE_EXE_LINKER_FLAGS=${CONSUMER_FLAGS}")
+      ${CMAKE_COMMAND} -S ${CONSUMER_DIR} -B ${build} ${options} -DCMAKE_FIND_USE_PACKAGE_REGISTRY=OFF)
   run(${CMAKE_COMMAND} --build ${build})
   # The receiver finds the device library beside itself; only the emulated
   # device's variables are cleared, so that it plays noise.
