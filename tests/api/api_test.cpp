@@ -3,7 +3,7 @@
 // every entry point while closed or given null pointers; device failures
 // injected by the emulated device (MVC900_FAULT), after each of which a clean
 // open still works. Locking on a generated ensemble in every mode is in
-// api_fic_modes_test.cpp.
+// api_reception_test.cpp.
 #include <gtest/gtest.h>
 
 #include <chrono>
