@@ -127,8 +127,11 @@ def build_and_test(build, timeout):
         if not failed:
             return True, ["(ctest failed)"]
         again = subprocess.run(["ctest", "--test-dir", build, "--timeout", str(timeout), "-R",
-                                "^(" + "|".join(failed) + ")$"], capture_output=True, text=True)
+                                "^(" + "|".join(failed) + ")$", "--output-on-failure"],
+                               capture_output=True, text=True)
         if again.returncode != 0:
+            lines = [l for l in again.stdout.split("\n") if "Failure" in l or "FAILED" in l]
+            print("    " + "\n    ".join(lines[:6]), flush=True)
             return True, failed
     return True, None
 
