@@ -3,11 +3,13 @@
 // impairment of the channel model measured back, and bad stream descriptions.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <complex>
 #include <numbers>
 #include <random>
+#include <string>
 #include <vector>
 
 #include "generator/channel_model.h"
