@@ -109,6 +109,9 @@ def generate(root):
                              new.replace("\t", " ")]))
 
 
+EXCLUDE = []  # ctest -E arguments
+
+
 def build_and_test(build, timeout):
     """Returns (built, failed tests or None when the suite passed). A test
     that fails is run once more on its own: tests that keep to real time can
@@ -120,7 +123,7 @@ def build_and_test(build, timeout):
         return False, None
     for attempt in range(2):
         t = subprocess.run(["ctest", "--test-dir", build, "-j", jobs, "--stop-on-failure",
-                            "--timeout", str(timeout)], capture_output=True, text=True)
+                            "--timeout", str(timeout)] + EXCLUDE, capture_output=True, text=True)
         if t.returncode == 0:
             return True, None
         failed = re.findall(r"^\s*\d+ - (\S+) \(", t.stdout, re.M)
@@ -206,6 +209,7 @@ def main():
     p.add_argument("--list")
     p.add_argument("--report")
     p.add_argument("--timeout", type=int, default=300, help="seconds per test")
+    p.add_argument("--exclude", help="regular expression of ctest entries left out")
     p.add_argument("--skip", help="GoogleTest filter of tests left out, e.g. one that fails on a loaded "
                                    "machine whatever the code does")
     a = p.parse_args()
@@ -214,6 +218,8 @@ def main():
     else:
         if not a.build or not a.list:
             p.error("run needs --build and --list")
+        if a.exclude:
+            EXCLUDE.extend(["-E", a.exclude])
         if a.skip:
             os.environ["GTEST_FILTER"] = "-" + a.skip
         run(a.source, a.build, a.list, a.report, a.timeout)
