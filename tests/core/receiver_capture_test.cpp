@@ -148,6 +148,12 @@ TEST(ReceiverCapture, EmptyAndInvalidReadsChangeNothing) {
     EXPECT_EQ(GatherIqBytes(nullptr, kStream.data(), 100, Collect), 0);
     EXPECT_EQ(buffers.remaining, kIqFrameBytes);
     EXPECT_TRUE(collected.empty());
+    // A count of missing bytes out of range starts a new IqFrame.
+    for (int32_t remaining : {0, -5, kIqFrameBytes + 2}) {
+        buffers.remaining = remaining;
+        EXPECT_EQ(GatherIqBytes(&buffers, kStream.data(), kIqFrameBytes, Collect), 1) << remaining;
+    }
+    EXPECT_TRUE(std::equal(kStream.begin(), kStream.begin() + kIqFrameBytes, collected.begin()));
 }
 
 }  // namespace
