@@ -198,36 +198,6 @@ TEST_F(FicDecoderTest, RunningErrorsAgainstTheModeThreshold) {
     EXPECT_EQ(lineEvents, (std::vector<std::pair<int32_t, int32_t>>{{1, 4}, {0, 5}}));
 }
 
-TEST_F(FicDecoderTest, RestartComesAfterTheFramesTheCountPredicts) {
-    // Per-frame sums of 30, 3, 4 and 9 reach 72 inside the frame named here;
-    // in mode I the last CIF of that frame adds 12 after the restart.
-    const int32_t framesToRestart[4] = {3, 24, 18, 8};
-    for (int32_t m = 0; m < 4; ++m) {
-        SCOPED_TRACE(testing::Message() << "mode " << m + 1);
-        SetMode(m);
-        ficDecoder.ficErrorCount = pipeline.resyncRequest = 0;
-        fic = Delivery();
-        int32_t frames = 0;
-        for (; pipeline.resyncRequest == 0 && frames < 100; ++frames) {
-            NoiseFrame();
-            EXPECT_EQ(receiverStatus.syncState.load(), 3);
-            EXPECT_EQ(fic.flags, m + 1);  // no good FIB, and the callback still comes
-        }
-        EXPECT_EQ(frames, framesToRestart[m]);
-        EXPECT_EQ(fic.calls, frames);
-        EXPECT_EQ(ficDecoder.ficErrorCount, m == 0 ? 12 : 0);
-    }
-    // Switched off, the count only grows, until a clean CIF.
-    receiverSettings.resyncOnFicErrors = 0;
-    SetMode(1);
-    pipeline.resyncRequest = 0;
-    for (int i = 0; i < 40; ++i) NoiseFrame();
-    EXPECT_EQ(pipeline.resyncRequest, 0);
-    EXPECT_EQ(ficDecoder.ficErrorCount, 120);
-    Frame();
-    EXPECT_EQ(ficDecoder.ficErrorCount, 0);
-}
-
 TEST_F(FicDecoderTest, ReceptionLineCountsGoodCifs) {
     receptionLine.ledMode = 1;
     // Mode I: ten clean frames are the 40 good CIFs that switch the line on.
