@@ -1,6 +1,5 @@
 // The per-carrier arithmetic: the SSE2 forms agree with their plain twins bit
-// for bit, on any length and on awkward values, and the phase detector
-// responds to a common phase turn as the frequency loop expects.
+// for bit, on any length and on awkward values.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -46,36 +45,6 @@ TEST(DemodCarrierArithmetic, SimdAndPlainFormsAgreeBitForBit) {
         const double b = FrequencyErrorPlain(products.data(), count);
         EXPECT_EQ(std::memcmp(&a, &b, sizeof a), 0) << "count " << count << ": " << a << " vs " << b;
     }
-}
-
-// Over the four QPSK points turned by theta the detector gives
-// 0.7071 * sin(theta): positive for a positive turn, so that the loop lowers
-// the increment.
-TEST(DemodCarrierArithmetic, PhaseDetectorFollowsTheSineOfACommonTurn) {
-    for (double theta : {-0.6, -0.1, 0.0, 0.05, 0.3, 0.7}) {
-        float products[8];
-        for (int q = 0; q < 4; ++q) {
-            products[2 * q] = static_cast<float>(std::cos(M_PI / 4 + q * M_PI / 2 + theta));
-            products[2 * q + 1] = static_cast<float>(std::sin(M_PI / 4 + q * M_PI / 2 + theta));
-        }
-        EXPECT_NEAR(FrequencyError(products, 4), std::sqrt(0.5) * std::sin(theta), 1e-6) << theta;
-    }
-}
-
-// A CW as strong as the ensemble lands on a few carriers with products
-// hundreds of times a clean one's, all turning by the CW's own offset; the
-// detector must still follow the ensemble, which has not turned at all.
-TEST(DemodCarrierArithmetic, AStrongCarrierCannotOutweighTheEnsemble) {
-    constexpr int32_t kCount = 1536;
-    std::vector<float> products(2 * kCount);
-    for (int32_t i = 0; i < kCount; ++i) {
-        const double angle = M_PI / 4 + (i % 4) * M_PI / 2;
-        const double magnitude = i >= 700 && i < 720 ? 500.0 : 1.0;
-        products[2 * i] = static_cast<float>(magnitude * std::cos(angle + (magnitude > 1.0 ? 0.5 : 0.0)));
-        products[2 * i + 1] = static_cast<float>(magnitude * std::sin(angle + (magnitude > 1.0 ? 0.5 : 0.0)));
-    }
-    EXPECT_LT(std::abs(FrequencyError(products.data(), kCount)), 0.02);
-    EXPECT_LT(std::abs(FrequencyErrorPlain(products.data(), kCount)), 0.02);
 }
 
 // The quality figure with its divisions two carriers at a time keeps the

@@ -1,6 +1,6 @@
 // DemodulateFrame and SymbolMask: which symbols are transformed, which rows
-// of FrameCarriers are written, and what a skipped or reference-only symbol
-// does to the phase and the frequency loop. The samples are noise: these
+// of FrameCarriers are written, what a skipped symbol does to the phase, and
+// the frames it refuses. The samples are noise: these
 // tests are about bookkeeping, not about the quality of the soft values.
 #include <gtest/gtest.h>
 
@@ -59,37 +59,6 @@ TEST_P(DemodMask, FicOnlyMaskWritesFicRowsAndAdvancesPhasePerTransformedSymbol) 
     EXPECT_DOUBLE_EQ(frequencyCorrection.samplePhase, phase);
     for (int32_t l = 0; l < mode.parameters.symbolsPerFrame; ++l)
         EXPECT_EQ(RowUntouched(l), l == 0 || l >= fic) << "row " << l;
-}
-
-// A reference-only symbol (0x10 alone) is transformed and becomes the
-// reference of the next one, but writes no row and leaves the frequency loop
-// alone. Its successor's row equals what it is when the reference is
-// demodulated as well (the loop is off, so the rotation is the same).
-TEST_P(DemodMask, ReferenceOnlySymbolFeedsTheNextProductWithoutARowOrLoopStep) {
-    const int32_t symbols = mode.parameters.symbolsPerFrame;
-    const int32_t ref = symbols - 6;
-    receiverSettings.frequencyLoopGain = 0.0f;
-    SymbolMask[ref] = kMaskReference | kMaskData;
-    SymbolMask[ref + 1] = kMaskData;
-    ASSERT_EQ(DemodulateFrame(), 1);
-    const std::vector<float> demodulatedBoth = Row(ref + 1);
-
-    FillFrameCarriers();
-    frequencyCorrection = FrequencyCorrection{};
-    SymbolMask[ref] = kMaskReference;
-    ASSERT_EQ(DemodulateFrame(), 1);
-    EXPECT_TRUE(RowUntouched(ref));
-    EXPECT_EQ(Row(ref + 1), demodulatedBoth);
-
-    // Only reference-only symbols: the loop gain is on, the increment stays
-    // and no row is written.
-    WriteReceiverSettings();
-    FillFrameCarriers();
-    for (int32_t l = 1; l < symbols; ++l) SymbolMask[l] = l < 6 ? kMaskReference : 0;
-    frequencyCorrection.samplePhaseIncrement = 0.0005;
-    ASSERT_EQ(DemodulateFrame(), 1);
-    EXPECT_EQ(frequencyCorrection.samplePhaseIncrement, 0.0005);
-    for (int32_t l = 0; l < symbols; ++l) EXPECT_TRUE(RowUntouched(l)) << "row " << l;
 }
 
 // A frame that would run past either end of the history, or a plan that does

@@ -250,6 +250,8 @@ TEST_F(DeviceRegisters, MissingEntriesAndBadArgumentsFailWithoutACall) {
     EXPECT_EQ(ReadDemodRegisters(1, 0x3E, 2, nullptr), 0);
     EXPECT_EQ(ReadDemodRegisters(1, -1, 2, b), 0);
     EXPECT_EQ(ReadDemodRegisters(1, 0x3E, 0, b), 0);
+    EXPECT_EQ(WriteRegisterField({1, 0x3E, 8, 0}, 0), 0) << "no bit 8 in a byte";
+    EXPECT_EQ(WriteRegisterField({1, 0x3E, 2, 3}, 0), 0) << "lsb above msb";
     EXPECT_TRUE(Device().log.empty());
 }
 

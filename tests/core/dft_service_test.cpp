@@ -118,6 +118,13 @@ TEST(RotateSamples, FollowsDirectSineAndCosineOver2048Samples) {
         UnpackRotateSamples(bytes.data(), fused.data(), n, c[0], c[1]);
         EXPECT_EQ(0, std::memcmp(unpacked.data(), fused.data(), fused.size() * sizeof(float)));
     }
+    // Missing buffers or no samples: nothing is touched.
+    std::vector<uint8_t> bytes(64, 200);
+    std::vector<float> samples(64, 7.0f);
+    UnpackRotateSamples(bytes.data(), nullptr, 32, 0.0, 0.1);
+    UnpackRotateSamples(nullptr, samples.data(), 32, 0.0, 0.1);
+    UnpackRotateSamples(bytes.data(), samples.data(), 0, 0.0, 0.1);
+    EXPECT_EQ(samples, std::vector<float>(64, 7.0f));
 }
 
 }  // namespace

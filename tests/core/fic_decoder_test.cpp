@@ -1,24 +1,49 @@
-// The FIC stage end to end: frames coded by the test transmitter go into
-// FrameCarriers, and DecodeFic must return the FIBs, the CRC flags, the
+// The FIC stage end to end: frames coded by the transmitter's FIC encoder go
+// into FrameCarriers, and DecodeFic must return the FIBs, the CRC flags, the
 // reception state and its counters, the reception line and the CIF count.
+// Then the library's own reading of FIBs: the CRC check with its running
+// mask, and the search for the CIF count of FIG 0/0 in the good FIBs.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <random>
 #include <tuple>
+#include <vector>
 
 #include "acquisition/mode_buffers.h"
 #include "channel/fic_decoder.h"
 #include "receiver/callback_slots.h"
 #include "receiver/receiver_state.h"
 #include "services/service_component.h"
-#include "tests/core/fic_test_encoder.h"
+#include "generator/fib_crc.h"
+#include "generator/fic_encoder.h"
 
 namespace {
 
 using namespace mvdab;
-using fictest::Bytes;
+using Bytes = std::vector<uint8_t>;
+
+// A FIB of the given FIG bytes, end marker, padding and CRC (made wrong on request).
+Bytes MakeFib(Bytes fib, bool breakCrc = false) {
+    if (fib.size() < 30) fib.push_back(0xFF);
+    fib.resize(32, 0x00);
+    gen::SealFib(fib.data());
+    fib[30] ^= breakCrc ? 1 : 0;
+    return fib;
+}
+
+// A FIB of type 1 FIGs with random bodies.
+Bytes RandomFib(std::mt19937& rng, bool breakCrc = false) {
+    Bytes figs;
+    while (figs.size() < 24) {
+        const int length = 1 + int(rng() % 5);
+        figs.push_back(uint8_t(0x20 | length));
+        for (int i = 0; i < length; ++i) figs.push_back(uint8_t(rng()));
+    }
+    return MakeFib(figs, breakCrc);
+}
 
 struct Delivery {
     int calls = 0;
@@ -84,14 +109,15 @@ protected:
         const ModeParameters& p = mode.parameters;
         Bytes all;
         for (int32_t i = 0; i < Fibs(); ++i) {
-            const Bytes f = fib ? fib(i, rng_) : fictest::RandomFib(rng_, Has(bad, i));
+            const Bytes f = fib ? fib(i, rng_) : RandomFib(rng_, Has(bad, i));
             all.insert(all.end(), f.begin(), f.end());
         }
-        for (int32_t c = 0; c < p.cifsPerFrame; ++c) {
-            const Bytes cif(all.begin() + c * p.ficBytesPerCif, all.begin() + (c + 1) * p.ficBytesPerCif);
-            fictest::WriteSoftValues(fictest::EncodeFicCif(cif), amplitude, noise, rng_,
-                                     carriers_.data() + 2 * p.carrierCount + c * p.ficCodedBits);
-        }
+        // +amplitude for a 0 bit, -amplitude for a 1, plus Gaussian noise.
+        std::vector<uint8_t> coded;
+        for (int32_t c = 0; c < p.cifsPerFrame; ++c) gen::EncodeFicBlock(&all[c * p.ficBytesPerCif], mode.transmissionMode + 1, coded);
+        std::normal_distribution<float> gauss(0.0f, 1.0f);
+        for (size_t i = 0; i < coded.size(); ++i)
+            carriers_[2 * p.carrierCount + i] = (coded[i] ? -amplitude : amplitude) + noise * gauss(rng_);
         return all;
     }
     void Frame(const std::vector<int>& bad = {}) { Transmit(bad), DecodeFic(); }
@@ -172,36 +198,6 @@ TEST_F(FicDecoderTest, RunningErrorsAgainstTheModeThreshold) {
     EXPECT_EQ(lineEvents, (std::vector<std::pair<int32_t, int32_t>>{{1, 4}, {0, 5}}));
 }
 
-TEST_F(FicDecoderTest, RestartComesAfterTheFramesTheCountPredicts) {
-    // Per-frame sums of 30, 3, 4 and 9 reach 72 inside the frame named here;
-    // in mode I the last CIF of that frame adds 12 after the restart.
-    const int32_t framesToRestart[4] = {3, 24, 18, 8};
-    for (int32_t m = 0; m < 4; ++m) {
-        SCOPED_TRACE(testing::Message() << "mode " << m + 1);
-        SetMode(m);
-        ficDecoder.ficErrorCount = pipeline.resyncRequest = 0;
-        fic = Delivery();
-        int32_t frames = 0;
-        for (; pipeline.resyncRequest == 0 && frames < 100; ++frames) {
-            NoiseFrame();
-            EXPECT_EQ(receiverStatus.syncState.load(), 3);
-            EXPECT_EQ(fic.flags, m + 1);  // no good FIB, and the callback still comes
-        }
-        EXPECT_EQ(frames, framesToRestart[m]);
-        EXPECT_EQ(fic.calls, frames);
-        EXPECT_EQ(ficDecoder.ficErrorCount, m == 0 ? 12 : 0);
-    }
-    // Switched off, the count only grows, until a clean CIF.
-    receiverSettings.resyncOnFicErrors = 0;
-    SetMode(1);
-    pipeline.resyncRequest = 0;
-    for (int i = 0; i < 40; ++i) NoiseFrame();
-    EXPECT_EQ(pipeline.resyncRequest, 0);
-    EXPECT_EQ(ficDecoder.ficErrorCount, 120);
-    Frame();
-    EXPECT_EQ(ficDecoder.ficErrorCount, 0);
-}
-
 TEST_F(FicDecoderTest, ReceptionLineCountsGoodCifs) {
     receptionLine.ledMode = 1;
     // Mode I: ten clean frames are the 40 good CIFs that switch the line on.
@@ -231,9 +227,9 @@ TEST_F(FicDecoderTest, CifCountIsTakenOnlyWhenWanted) {
     // other FIGs. The count is 3 * 250 + 201, that of the second CIF (FIB 4
     // of mode I), so the frame's first CIF has the low part 200.
     Transmit({}, 0.7071f, 0.0f, [](int i, std::mt19937& rng) {
-        return i == 0   ? fictest::MakeFib({0x05, 0x00, 0xE1, 0x23, 0x01, 11}, true)
-               : i == 4 ? fictest::MakeFib({0x22, 0x10, 0x20, 0x23, 0x00, 0x01, 0x02, 0x05, 0x00, 0xE1, 0x23, 0x03, 201})
-                        : fictest::RandomFib(rng);
+        return i == 0   ? MakeFib({0x05, 0x00, 0xE1, 0x23, 0x01, 11}, true)
+               : i == 4 ? MakeFib({0x22, 0x10, 0x20, 0x23, 0x00, 0x01, 0x02, 0x05, 0x00, 0xE1, 0x23, 0x03, 201})
+                        : RandomFib(rng);
     });
     DecodeFic();
     EXPECT_EQ(ficDecoder.cifCountValid, 0);
@@ -256,6 +252,78 @@ TEST_F(FicDecoderTest, AnyFloatIsClippedIntoANibble) {
         DecodeFic();
         EXPECT_EQ(fic.flags, Flags());
     }
+}
+
+// FIG 0/0 (count 4/234) and FIG 1/0 of a published example, CRC F5 A2.
+const Bytes kWorkedFib = {0x05, 0x00, 0xE1, 0x23, 0x04, 0xEA, 0x35, 0x00, 0xE1, 0x23, 0x54,
+                          0x45, 0x53, 0x54, 0x20, 0x45, 0x4E, 0x53, 0x45, 0x4D, 0x42, 0x4C,
+                          0x45, 0x20, 0x20, 0x20, 0xFF, 0x00, 0xFF, 0x00, 0xF5, 0xA2};
+
+Bytes Concat(std::initializer_list<Bytes> fibs) {
+    Bytes all;
+    for (const Bytes& f : fibs) all.insert(all.end(), f.begin(), f.end());
+    return all;
+}
+
+TEST(CheckFibCrc, CountsFailuresAndShiftsTheMask) {
+    Bytes empty(32, 0x00), broken = kWorkedFib;
+    empty[0] = 0xFF;
+    empty[30] = empty[31] = 0xA8;
+    broken[12] ^= 0x04;
+    const Bytes cif = Concat({kWorkedFib, broken, empty, broken});
+    for (int32_t m : {2, 0}) {  // four FIBs a CIF, then three
+        mode.transmissionMode = m;
+        mode.parameters = kModeTable[m];
+        uint32_t mask = 1;
+        EXPECT_EQ(CheckFibCrc(cif.data(), &mask), m == 2 ? 2 : 1);
+        EXPECT_EQ(mask, m == 2 ? 0b11010u : 0b1101u);
+    }
+    // Any single flipped bit, data or CRC, fails the check.
+    for (int bit = 0; bit < 256; ++bit) {
+        Bytes flipped = Concat({kWorkedFib, kWorkedFib, kWorkedFib});
+        flipped[bit / 8] ^= uint8_t(0x80 >> bit % 8);
+        uint32_t mask = 0;
+        EXPECT_EQ(CheckFibCrc(flipped.data(), &mask), 1) << "bit " << bit;
+        EXPECT_EQ(mask, 0b011u) << "bit " << bit;
+    }
+}
+
+TEST(FindEnsembleInfo, WalksTheGoodFibsOfTheFrameAndFigsThatHoldNone) {
+    std::mt19937 rng(3);
+    Bytes frame;
+    for (int i = 0; i < 12; ++i) frame = Concat({frame, RandomFib(rng)});
+    auto find = [](const Bytes& fibs, uint16_t flags) {
+        uint8_t low = 0;
+        return FindEnsembleInfo(fibs.data(), flags, &low) ? int(low) : -1;
+    };
+    EXPECT_EQ(find(frame, 0xFFF1), -1);
+    // FIG 0/0 behind two other FIGs in the last FIB of mode I, count low 77.
+    const Bytes last = MakeFib({0x24, 1, 2, 3, 4, 0x21, 9, 0x05, 0x00, 0xE1, 0x23, 0x02, 77});
+    std::copy(last.begin(), last.end(), frame.begin() + 11 * 32);
+    int32_t fibIndex = -1;
+    uint8_t low = 0;
+    EXPECT_EQ(FindEnsembleInfo(frame.data(), 0xFFF1, &low, &fibIndex), 1);
+    EXPECT_EQ(std::pair(int(low), fibIndex), std::pair(77, 11)) << "the FIB, and so the CIF, that carried the count";
+    EXPECT_EQ(find(frame, 0xFFE1), -1);  // that FIB failed its CRC
+    EXPECT_EQ(find(frame, 0xFFF4), -1);  // mode IV has six FIBs
+    // The first good FIB that holds one wins; mode bits that name no mode find nothing.
+    std::copy(kWorkedFib.begin(), kWorkedFib.end(), frame.begin() + 2 * 32);
+    EXPECT_EQ(find(frame, 0xFFF1), 234);
+    EXPECT_EQ(find(frame, 0xDFF1), 77);
+    for (uint16_t m : {0, 5, 6, 7}) EXPECT_EQ(find(frame, uint16_t(0xFFF0 | m)), -1);
+    // Single FIBs of zeros with the given bytes set, in mode II.
+    auto fib = [](std::initializer_list<std::pair<int, uint8_t>> set) {
+        Bytes f(32, 0x00);
+        for (auto [i, b] : set) f[i] = b;
+        return f;
+    };
+    // The end marker first, with a FIG 0/0 behind it.
+    EXPECT_EQ(find(MakeFib({0xFF, 0x05, 0x00, 0x12, 0x34, 0x00, 5}), 0x8002), -1);
+    // Type 1 FIGs of 27 and 0 bytes walk to byte 29: a FIG 0/0 header there is no FIG.
+    EXPECT_EQ(find(fib({{0, 0x3B}, {28, 0x20}, {29, 0x05}}), 0x8002), -1);
+    // FIG 0/0 at 25 would hold its count past the data field; at 24 it fits.
+    EXPECT_EQ(find(fib({{0, 0x37}, {24, 0x20}, {25, 0x05}, {29, 42}}), 0x8002), -1);
+    EXPECT_EQ(find(fib({{0, 0x37}, {24, 0x05}, {29, 42}}), 0x8002), 42);
 }
 
 }  // namespace

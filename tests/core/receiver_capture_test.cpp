@@ -81,63 +81,6 @@ TEST(ReceiverCapture, HandOverByExchangeKeepsEveryIqFrameWhole) {
     FreeCaptureBuffers();
 }
 
-// The capture thread's pacing against a device that delivers transfers of
-// 32 KiB at `speed` times real time: reads per IqFrame, and never a read that
-// finishes two IqFrames (the first would be overwritten before the
-// demodulation thread takes it).
-struct PacingRun {
-    double readsPerIqFrame;
-    int32_t mostFinishedByOneRead;
-    int64_t mostBuffered;  // bytes the device held at a read
-};
-
-PacingRun SimulatePacing(double speed, double seconds) {
-    constexpr int64_t kTransfer = 32768;
-    const double bytesPerMs = 4096.0 * speed;
-    auto producedBy = [&](double ms) { return int64_t(ms * bytesPerMs / double(kTransfer)) * kTransfer; };
-    CapturePacing pacing = kCapturePacingStart;
-    PacingRun run{0.0, 0, 0};
-    double now = 0.0;
-    int64_t consumed = 0;
-    int32_t remaining = kIqFrameBytes;
-    int64_t reads = 0;
-    int64_t frames = 0;
-    while (now < seconds * 1000.0) {
-        // Waiting for the device: the next transfer, unless bytes are there.
-        if (producedBy(now) == consumed) now = double(consumed + kTransfer) / bytesPerMs + 1e-6;
-        const int64_t buffered = producedBy(now) - consumed;
-        run.mostBuffered = std::max(run.mostBuffered, buffered);
-        const int32_t read = int32_t(std::min<int64_t>(buffered, kReadBufferBytes));
-        consumed += read;
-        ++reads;
-        int32_t finished = 0;
-        int32_t n = read;
-        for (; n >= remaining; remaining = kIqFrameBytes) {
-            n -= remaining;
-            ++finished;
-        }
-        remaining -= n;
-        frames += finished;
-        run.mostFinishedByOneRead = std::max(run.mostFinishedByOneRead, finished);
-        now += NextCaptureHold(&pacing, read, remaining, int64_t(now));
-    }
-    run.readsPerIqFrame = double(reads) / double(frames);
-    return run;
-}
-
-TEST(ReceiverCapture, PacingReadsFewTimesPerIqFrameAndNeverTwoIqFramesAtOnce) {
-    for (double speed : {0.3, 1.0, 3.0, 10.0}) {
-        SCOPED_TRACE("speed " + std::to_string(speed));
-        const PacingRun run = SimulatePacing(speed, 20.0);
-        EXPECT_EQ(run.mostFinishedByOneRead, 1);
-        EXPECT_LE(run.mostBuffered, kReadBufferBytes) << "the device piles up more than a read takes";
-        // Without holds: one read per transfer, 7.3 per IqFrame.
-        if (speed == 1.0) {
-            EXPECT_LT(run.readsPerIqFrame, 2.5);
-        }
-    }
-}
-
 TEST(ReceiverCapture, EmptyAndInvalidReadsChangeNothing) {
     std::vector<uint8_t> gathering(kIqFrameBytes);
     CaptureBuffers buffers{nullptr, gathering.data(), nullptr, kIqFrameBytes, 0, 0};
@@ -148,6 +91,12 @@ TEST(ReceiverCapture, EmptyAndInvalidReadsChangeNothing) {
     EXPECT_EQ(GatherIqBytes(nullptr, kStream.data(), 100, Collect), 0);
     EXPECT_EQ(buffers.remaining, kIqFrameBytes);
     EXPECT_TRUE(collected.empty());
+    // A count of missing bytes out of range starts a new IqFrame.
+    for (int32_t remaining : {0, -5, kIqFrameBytes + 2}) {
+        buffers.remaining = remaining;
+        EXPECT_EQ(GatherIqBytes(&buffers, kStream.data(), kIqFrameBytes, Collect), 1) << remaining;
+    }
+    EXPECT_TRUE(std::equal(kStream.begin(), kStream.begin() + kIqFrameBytes, collected.begin()));
 }
 
 }  // namespace

@@ -55,6 +55,20 @@ TEST_F(ReceiverStateMachine, NoiseCyclesSevenFramesOfSearchAndFourOfHoldOff) {
     EXPECT_EQ(receiverStatus.syncState, 0);
 }
 
+// A position that never confirms (noise, as if a mode had been decided): at
+// the confirmation timeout the state machine holds off, syncState back at 0.
+TEST_F(ReceiverStateMachine, UnconfirmedPositionTimesOutIntoTheHoldOff) {
+    ASSERT_EQ(h.Tune(227360), 1);
+    h.PushNoiseFrames(1, 40);
+    mode.transmissionMode = 1;
+    mode.parameters = kModeTable[1];
+    pipeline.acquisitionState = receiverStatus.syncState = 1;
+    pipeline.confirmTimeout = 2;
+    h.PushNoiseFrames(2, 41);
+    EXPECT_EQ(pipeline.acquisitionState, -1);
+    EXPECT_EQ(receiverStatus.syncState, 0);
+}
+
 TEST_F(ReceiverStateMachine, RetuneDuringHoldOffStartsTheSearchAtOnce) {
     ASSERT_EQ(h.Tune(227360), 1);
     h.PushNoiseFrames(kSearchFrames + 1, 3);

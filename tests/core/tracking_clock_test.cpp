@@ -158,26 +158,4 @@ TEST_F(ClockLoop, FailedAccessIsRetriedAndSwitchedOffDoesNothing) {
     EXPECT_EQ(frequencyCache.head.load(), nullptr);
 }
 
-// The cache learns the running total of the offsets once per tuning: the
-// record made at the first correction holds it, and a later look of the same
-// tuning adds nothing once the record is learned.
-TEST_F(ClockLoop, TheFrequencyCacheLearnsTheTotalOncePerTuning) {
-    clockOffsetTotalPpm = 5.0f;
-    EXPECT_EQ(Look(-30.0f, 0.0f), 1);
-    CachedFrequency* record = frequencyCache.head.load();
-    ASSERT_NE(record, nullptr);
-    EXPECT_EQ(record->frequency, 227360);
-    EXPECT_EQ(record->learned.load(), 1);
-    EXPECT_EQ(record->applied.load(), 0);
-    EXPECT_FLOAT_EQ(record->learnedPpm.load(), -25.0f);
-
-    clockWritten = 0;  // as after a correction that changed nothing
-    trackingLoops.clockHoldoff = 0;
-    EXPECT_EQ(Look(-3.0f, 0.0f), 1);
-    EXPECT_EQ(frequencyCache.head.load(), record);
-    EXPECT_EQ(record->next, nullptr);
-    EXPECT_FLOAT_EQ(record->learnedPpm.load(), -25.0f);
-    EXPECT_FLOAT_EQ(clockOffsetTotalPpm.load(), -25.0f);
-}
-
 }  // namespace

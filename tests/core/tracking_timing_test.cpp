@@ -1,6 +1,5 @@
 // The timing loop on constructed impulse responses: the detector's response
-// to paths at known delays, the direction in which it moves the window, and
-// the loading of the gain stages.
+// to paths at known delays and the direction in which it moves the window.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -48,35 +47,6 @@ TEST_P(TimingLoop, DetectorResponseToPathsAtKnownDelays) {
     pipeline.framePositionExact = 1000.0f;
     TrackFrameTiming();
     EXPECT_LT(pipeline.framePositionExact, 1000.0f);
-}
-
-// The stage gains change with the frames that reach 100 and 200 and act
-// from the frame after; the integrator carries over. Stage 3 is given gains
-// of its own here so that its loading shows.
-TEST_P(TimingLoop, GainStagesLoadAtTheirFrameAndActFromTheNext) {
-    receiverSettings.timingIntegralGains[2] = 0.002f;
-    receiverSettings.timingProportionalGains[2] = 0.03f;
-    const float error = Error({{mode.parameters.guardLength + 1, 0.01f}});  // 0.05: small, constant
-    float integrator = 0.0f, position = 0.0f;
-    pipeline.framePositionExact = 0.0f;
-    for (int32_t frame = 1; frame <= 205; ++frame) {
-        const int stage = frame <= 100 ? 0 : (frame <= 200 ? 1 : 2);
-        integrator += receiverSettings.timingIntegralGains[stage] * error;
-        position += integrator + receiverSettings.timingProportionalGains[stage] * error;
-        TrackFrameTiming();
-        ASSERT_EQ(trackingLoops.trackedFrames, frame);
-        ASSERT_FLOAT_EQ(trackingLoops.timingIntegrator, integrator) << "frame " << frame;
-        ASSERT_FLOAT_EQ(pipeline.framePositionExact, position) << "frame " << frame;
-    }
-    // The clock view of the loop: the integrator over one frame, negated.
-    EXPECT_FLOAT_EQ(trackingLoops.clockOffsetPpm, -1.0e6f * integrator / mode.parameters.frameBytes);
-    EXPECT_FLOAT_EQ(trackingLoops.clockStepPpm, -1.0e6f * 0.03f * error / mode.parameters.frameBytes);
-
-    // A restart brings stage 1 back and clears the integrator and the count.
-    ResetTrackingLoops();
-    EXPECT_EQ(trackingLoops.trackedFrames, 0);
-    EXPECT_EQ(trackingLoops.timingIntegrator, 0.0f);
-    EXPECT_EQ(trackingLoops.timingIntegralGain, receiverSettings.timingIntegralGains[0]);
 }
 
 INSTANTIATE_TEST_SUITE_P(AllModes, TimingLoop, ::testing::Values(0, 1, 2, 3), demodtest::ModeName);

@@ -70,8 +70,7 @@ int32_t FakeDeviceUpdate() {
     return device.failDeviceUpdate ? 0 : 1;
 }
 int32_t FakeDemodRead(int32_t page, int32_t addr, int32_t count, uint8_t* bytes) {
-    if (!Valid(page, addr, count, bytes)) return 0;
-    if (Touches(page, addr, count, device.failReadPage, device.failReadAddr)) return 0;
+    if (!Valid(page, addr, count, bytes) || Touches(page, addr, count, device.failReadPage, device.failReadAddr)) return 0;
     std::memcpy(bytes, &device.demod[page][addr], size_t(count));
     Log('R', page, addr, bytes, count);
     return 1;
@@ -120,19 +119,11 @@ void ResetFakeDevice(int32_t tunerType) {
 void InstallFakeDevice() {
     AccessLibrary& a = accessLibrary;
     a = AccessLibrary{};
-    a.filterInit = FakeFilterInit;
-    a.filterRelease = FakeFilterRelease;
-    a.setEventHandle = FakeSetEventHandle;
-    a.releaseEventHandle = FakeReleaseEventHandle;
-    a.getData = FakeGetData;
-    a.getTunerType = FakeGetTunerType;
-    a.setFrequency = FakeSetFrequency;
-    a.setBandwidth = FakeSetBandwidth;
-    a.deviceUpdate = FakeDeviceUpdate;
-    a.demodRead = FakeDemodRead;
-    a.demodWrite = FakeDemodWrite;
-    a.sysRead = FakeSysRead;
-    a.sysWrite = FakeSysWrite;
+    a.filterInit = FakeFilterInit, a.filterRelease = FakeFilterRelease;
+    a.setEventHandle = FakeSetEventHandle, a.releaseEventHandle = FakeReleaseEventHandle;
+    a.getData = FakeGetData, a.getTunerType = FakeGetTunerType;
+    a.setFrequency = FakeSetFrequency, a.setBandwidth = FakeSetBandwidth, a.deviceUpdate = FakeDeviceUpdate;
+    a.demodRead = FakeDemodRead, a.demodWrite = FakeDemodWrite, a.sysRead = FakeSysRead, a.sysWrite = FakeSysWrite;
 }
 
 int32_t SampleRateRegister() {
