@@ -1,8 +1,8 @@
-// The emulated device: its parts on their own (configuration texts, faults,
-// registers and the clock resampler) and its entry points as a receiver
-// drives them (streaming and the event, tuning between per-frequency
-// sources, settling noise, overflow, the stream-stop fault and the
-// sample-clock register).
+// The emulated device: its registers and the clock resampler on their own
+// (its configuration texts and faults are used by every test that runs on
+// it), and its entry points as a receiver drives them (streaming and the
+// event, tuning between per-frequency sources, settling noise, overflow, the
+// stream-stop fault and the sample-clock register).
 #include <gtest/gtest.h>
 
 #include <poll.h>
@@ -24,8 +24,6 @@
 
 #include "device/device_interface.h"
 #include "emulator/clock_resampler.h"
-#include "emulator/emulator_settings.h"
-#include "emulator/fault_plan.h"
 #include "emulator/register_file.h"
 #include "emulator/sample_sources.h"
 
@@ -122,43 +120,6 @@ protected:
 size_t FileBytes(const Bytes& bytes, size_t from) {
     return std::count_if(bytes.begin() + std::min(from, bytes.size()), bytes.end(),
                          [](uint8_t b) { return b == 0x10 || b == 0xF0; });
-}
-
-TEST(EmulatorSettings, SourceAndFaultPlans) {
-    SourcePlan p;
-    std::string error;
-    // Per-frequency descriptions replace the built-in entry of the same frequency.
-    ASSERT_EQ(ParseSourcePlan("generated-default", "227360=preset=default,mode=2; 1000=x", &p, &error), 1);
-    EXPECT_EQ(std::tuple(p.kind, p.generatedByFrequency[227360], p.generatedByFrequency.size()),
-              std::tuple(SourceKind::Noise, std::string("preset=default,mode=2"), size_t(3)));
-    ASSERT_EQ(ParseSourcePlan("perfreq:227360=/a.u8,222064=/b.u8", "", &p, &error), 1);
-    EXPECT_EQ(p.filesByFrequency[222064], "/b.u8");
-    for (const char* bad : {"file:", "perfreq:", "perfreq:12.5=/a", "radio", "perfreq:abc=/a"})
-        EXPECT_EQ(ParseSourcePlan(bad, "", &p, &error), 0) << bad;
-    EXPECT_EQ(ParseSourcePlan("noise", "227360", &p, &error), 0);
-
-    FaultPlan f;
-    ASSERT_EQ(ParseFaultPlan("no-device, update-after=2,demod-write=1:3E,sys-read=0x04,sys-write-after=1,stream-stop=100",
-                             &f, &error), 1) << error;
-    EXPECT_EQ(std::tuple(f.noDevice, f.streamStopBytes), std::tuple(true, 100));
-    EXPECT_EQ(std::vector<bool>({f.deviceUpdate.Fails(), f.deviceUpdate.Fails(), f.deviceUpdate.Fails()}),
-              std::vector<bool>({false, false, true}));
-    // An address fault hits any access whose range covers the register; the
-    // system writes fail from the second on.
-    using K = RegisterAccessKind;
-    const std::tuple<K, int32_t, int32_t, int32_t, bool> accesses[] = {
-        {K::DemodWrite, 1, 0x3E, 1, true}, {K::DemodWrite, 1, 0x3C, 4, true}, {K::DemodWrite, 1, 0x3F, 1, false},
-        {K::DemodWrite, 0, 0x3E, 1, false}, {K::DemodRead, 1, 0x3E, 1, false}, {K::SysRead, -1, 4, 1, true},
-        {K::SysWrite, -1, 1, 1, false},     {K::SysWrite, -1, 1, 1, true}};
-    for (const auto& [kind, page, addr, count, fails] : accesses)
-        EXPECT_EQ(RegisterAccessFails(&f, kind, page, addr, count), fails) << int(kind) << " " << page << " " << addr;
-    for (const char* bad : {"explode", "update-after=x", "demod-read=2:10", "demod-read=1:100", "sys-write=1:02"}) {
-        FaultPlan g;
-        EXPECT_EQ(ParseFaultPlan(bad, &g, &error), 0) << bad;
-    }
-    FaultPlan g;  // a bad item doesn't cost the others
-    EXPECT_EQ(ParseFaultPlan("explode,tuner-type", &g, &error), 0);
-    EXPECT_TRUE(g.tunerType);
 }
 
 TEST(EmulatorRegisters, ResetStateRangesLineAndSampleRateCode) {

