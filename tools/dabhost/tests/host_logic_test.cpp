@@ -13,9 +13,27 @@
 #include "band_channels.h"
 #include "fic_queue.h"
 #include "host_options.h"
-#include "test_ensembles.h"
+#include "tools/ficparse/tests/fig_writer.h"
 
 namespace {
+
+using figwriter::Bytes;
+
+// One mode I frame (12 FIBs) of an ensemble 0xCE15 with two labelled audio
+// services; FIB k's CRC flag is bit 11 - k of `goodMask`.
+Bytes ModeIFrame(int32_t* flags, uint16_t goodMask = 0xFFF) {
+    std::vector<Bytes> fibs = figwriter::PackFibs({
+        figwriter::Fig00(0xCE15, 0, false, 0, 10),
+        figwriter::Fig01({{1, 0, false, 26, 0, 0, 0}, {2, 70, true, 0, 0, 3, 48}}),
+        figwriter::Fig02({{0xC221, 0, {{0, 0, 1, true, false}}}, {0xC222, 0, {{0, 63, 2, true, false}}}}, false),
+        figwriter::Fig1(0, 0xCE15, "Test Mux", 0xFF00), figwriter::Fig1(1, 0xC221, "First", 0xF800),
+        figwriter::Fig1(1, 0xC222, "Second", 0xFC00)});
+    fibs.resize(12, figwriter::Fib({}));
+    Bytes frame;
+    for (const Bytes& fib : fibs) frame.insert(frame.end(), fib.begin(), fib.end());
+    *flags = (goodMask << 4) | 1;
+    return frame;
+}
 
 bool Parse(std::vector<const char*> args, HostOptions* o) {
     args.insert(args.begin(), "dabhost");
@@ -53,7 +71,7 @@ TEST(FicQueue, CountsFromTheFlagsAndAFullRingDropsNewFrames) {
     ficparse::FicParser parser;
     int32_t flags = 0;
     // FIB 0 (with all the FIGs) marked bad: the parser must ignore it.
-    const auto frame = hosttest::ModeIFrame(hosttest::TwoServiceFigs(true, true), &flags, 0x7FF);
+    const auto frame = ModeIFrame(&flags, 0x7FF);
     queue.Push(frame.data(), int32_t(frame.size()), flags);
     queue.Push(frame.data(), 96, (0x3 << 13) | 2);  // mode II: 3 FIBs, CRC bits 15..13
     const FicCounts c = queue.counts();
@@ -61,7 +79,7 @@ TEST(FicQueue, CountsFromTheFlagsAndAFullRingDropsNewFrames) {
     EXPECT_EQ(queue.Drain(parser), 2);
     EXPECT_FALSE(parser.ensemble().idKnown);
     queue.Clear();
-    const auto good = hosttest::ModeIFrame(hosttest::TwoServiceFigs(true, true), &flags);
+    const auto good = ModeIFrame(&flags);
     for (int i = 0; i < FicQueue::kSlots + 5; ++i) queue.Push(good.data(), int32_t(good.size()), flags);
     queue.Push(nullptr, 384, flags);  // ignored
     EXPECT_EQ(std::tuple(queue.counts().frames, queue.counts().dropped), std::tuple(uint64_t(FicQueue::kSlots + 5), 5u));
@@ -72,7 +90,7 @@ TEST(FicQueue, CountsFromTheFlagsAndAFullRingDropsNewFrames) {
 TEST(FicQueue, CallbackThreadAndHostThreadLoseNothingUncounted) {
     FicQueue queue;
     int32_t flags = 0;
-    const auto frame = hosttest::ModeIFrame(hosttest::TwoServiceFigs(true, true), &flags);
+    const auto frame = ModeIFrame(&flags);
     constexpr int kFrames = 1000;
     std::atomic<bool> done{false};
     std::thread receiver([&] {
