@@ -52,7 +52,6 @@ struct ModuleState {
     std::atomic<int64_t> samples{0};         // samples delivered by the newest device
     std::atomic<int32_t> automaticGain{0};   // automatic gain switched on
     std::atomic<double> frequencyHz{0.0};    // last tuning
-    std::atomic<int32_t> devicesMade{0};     // devices made in this process
 };
 ModuleState state;
 
@@ -87,13 +86,11 @@ public:
         speed_ = EnvNumber("MVXTEST_SPEED", 1.0);
         unplugSamples_ = int64_t(EnvNumber("MVXTEST_UNPLUG_MS", -1.0) * kRate / 1000.0);
         stallSamples_ = int64_t(EnvNumber("MVXTEST_STALL_MS", -1.0) * kRate / 1000.0);
-        ++state.devicesMade;
         state.samples = 0;
         state.correctionPpm = 0.0;
         state.automaticGain = 0;
     }
 
-    std::string getDriverKey() const override { return "mvxtest"; }
     std::string getHardwareKey() const override { return "mvxtest"; }
     size_t getNumChannels(const int direction) const override { return direction == SOAPY_SDR_RX ? 1 : 0; }
 
@@ -161,7 +158,6 @@ public:
         return int(got);
     }
 
-    std::vector<double> listSampleRates(const int, const size_t) const override { return {kRate}; }
     void setSampleRate(const int, const size_t, const double rate) override {
         if (rate != kRate) throw std::runtime_error("mvxtest: only 2048000 S/s");
     }
@@ -170,18 +166,15 @@ public:
     void setFrequency(const int, const size_t, const double frequency, const SoapySDR::Kwargs&) override {
         state.frequencyHz = frequency;
     }
-    double getFrequency(const int, const size_t) const override { return state.frequencyHz; }
 
     bool hasGainMode(const int, const size_t) const override { return true; }
     void setGainMode(const int, const size_t, const bool automatic) override { state.automaticGain = automatic; }
-    bool getGainMode(const int, const size_t) const override { return state.automaticGain != 0; }
 
     bool hasFrequencyCorrection(const int, const size_t) const override { return correction_; }
     void setFrequencyCorrection(const int, const size_t, const double value) override {
         if (!correction_) throw std::runtime_error("mvxtest: no frequency correction");
         state.correctionPpm = value;
     }
-    double getFrequencyCorrection(const int, const size_t) const override { return state.correctionPpm; }
 
 private:
     // Bytes b (value b - 127.5) to the stream format, so that a receiver
@@ -231,11 +224,10 @@ const SoapySDR::Registry registration("mvxtest", &FindTestDevice, &MakeTestDevic
 // The module's state for the tests: 1.
 extern "C" __attribute__((visibility("default"))) int32_t MvxTestModuleState(double* correctionPpm, int64_t* samples,
                                                                              int32_t* automaticGain,
-                                                                             double* frequencyHz, int32_t* devicesMade) {
+                                                                             double* frequencyHz) {
     *correctionPpm = state.correctionPpm;
     *samples = state.samples;
     *automaticGain = state.automaticGain;
     *frequencyHz = state.frequencyHz;
-    *devicesMade = state.devicesMade;
     return 1;
 }

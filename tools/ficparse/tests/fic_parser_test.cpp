@@ -1,13 +1,16 @@
-// The host's FIC parser: the CRC, every FIG type it reads into the ensemble
-// model, FIBs selected by the CRC flags, malformed and unknown FIGs, what is
-// kept out of the model, completeness and the label character sets.
+// The host's FIC parser: the CRC, the short-form table, every FIG type it
+// reads into the ensemble model, FIBs selected by the CRC flags, malformed,
+// unknown and random FIGs, what is kept out of the model, completeness, the
+// label character sets and the printers.
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <random>
 #include <set>
 #include <tuple>
 
 #include "tools/ficparse/ebu_latin.h"
+#include "tools/ficparse/ensemble_print.h"
 #include "tools/ficparse/fic_parser.h"
 #include "tools/ficparse/label_text.h"
 #include "tools/ficparse/tests/fig_writer.h"
@@ -125,6 +128,23 @@ TEST(FicParser, WholeEnsemble) {
     EXPECT_EQ(parser.statistics().figsMalformed, 0u);
 }
 
+// The short-form sub-channel table, row by row as published: size in CU,
+// protection level and bit rate.
+TEST(FicParser, ShortFormTable) {
+    const int sizes[64] = {16,  21,  24,  29,  35,  24,  29,  35,  42,  52,  29,  35,  42,  52,  32,  42,
+                           48,  58,  70,  40,  52,  58,  70,  84,  48,  58,  70,  84,  104, 58,  70,  84,
+                           104, 64,  84,  96,  116, 140, 80,  104, 116, 140, 168, 96,  116, 140, 168, 208,
+                           116, 140, 168, 208, 232, 128, 168, 192, 232, 280, 160, 208, 280, 192, 280, 416};
+    const int levels[64] = {5, 4, 3, 2, 1, 5, 4, 3, 2, 1, 5, 4, 3, 2, 5, 4, 3, 2, 1, 5, 4, 3, 2, 1, 5, 4, 3, 2, 1, 5, 4, 3,
+                            2, 5, 4, 3, 2, 1, 5, 4, 3, 2, 1, 5, 4, 3, 2, 1, 5, 4, 3, 2, 1, 5, 4, 3, 2, 1, 5, 4, 2, 5, 3, 1};
+    const int rates[] = {32, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320, 384};
+    const int perRate[] = {5, 5, 4, 5, 5, 5, 4, 5, 5, 5, 5, 5, 3, 3};  // rows of each bit rate, in order
+    for (int i = 0, r = 0, k = 0; i < 64; ++i, k == perRate[r] - 1 ? (++r, k = 0) : ++k) {
+        const ficparse::UepRow row = ficparse::UepTableRow(i);
+        EXPECT_EQ(std::tuple(row.size, row.level, row.bitRate), std::tuple(sizes[i], levels[i], rates[r])) << i;
+    }
+}
+
 TEST(FicParser, CrcFlagsSelectFibs) {
     // Thirteen FIBs with different labels: only a flagged FIB is read, and
     // the flags cover twelve.
@@ -139,9 +159,6 @@ TEST(FicParser, CrcFlagsSelectFibs) {
         EXPECT_EQ(parser.ensemble().label.text, std::string("L").append(std::to_string(i)));
         EXPECT_EQ(parser.statistics().fibsBad, 11u);
     }
-    FicParser all;
-    all.PushFibs(frame.data(), int32_t(frame.size()), 0xFFFF);
-    EXPECT_EQ(all.ensemble().label.text, "L11");
     FicParser none;
     none.PushFibs(frame.data(), int32_t(frame.size()), 0x0001);
     none.PushFibs(frame.data(), 31, 0xFFFF);
@@ -191,65 +208,61 @@ TEST(FicParser, MalformedAndUnknownFigs) {
     EXPECT_EQ(parser.statistics().figsMalformed, 4u);
 }
 
+TEST(FicParser, RandomAndMutatedFibsNeverBreakIt) {
+    // Random bytes, valid FIBs with a few bytes changed, and FIG headers of
+    // plausible lengths with random bodies: nothing impossible enters the
+    // model and the printers cope with what does, escaping control bytes.
+    const std::vector<Bytes> valid = PackFibs({Fig00(0x4FFF, 3, true, 19, 249, 17),
+                                               Fig01({{2, 416, true, 0, 0, 3, 84}, {1, 0, false, 63, 0, 0, 0}}),
+                                               Fig02({{0xC222, 2, {{0, 0, 2, true, false}, {3, 24, 3, false, true}}}}, false),
+                                               Fig03({{4095, true, true, 60, 63, 1023}}), Fig1(1, 0xC222, "Two", 0)});
+    std::mt19937 rng(7);
+    FicParser parser;
+    for (int n = 0; n < 20000; ++n) {
+        Bytes fib(32);
+        if (n % 3 == 0) {
+            for (uint8_t& b : fib) b = uint8_t(rng());
+        } else if (n % 3 == 1) {
+            fib = valid[rng() % valid.size()];
+            for (int k = 1 + int(rng() % 3); k > 0; --k) fib[rng() % 30] = uint8_t(rng());
+        } else {
+            for (size_t p = 0; p < 30;) {
+                const size_t length = 1 + rng() % 29;
+                fib[p] = uint8_t(((rng() % 2) << 5) | length);
+                for (size_t k = p + 1; k < 30 && k <= p + length; ++k) fib[k] = uint8_t(rng());
+                p += 1 + length;
+            }
+        }
+        parser.PushFib(fib.data(), true);
+        if (n % 997 != 0 && n % 5000 != 4999) continue;
+        for (const auto& [id, s] : parser.ensemble().subChannels)
+            ASSERT_TRUE(id < 64 && s.startAddress < 1024 && s.size < 1024);
+        for (const auto& [id, s] : parser.ensemble().services) ASSERT_LE(s.components.size(), 15u);
+        for (const char c : ficparse::EnsembleJson(parser.ensemble(), &parser.statistics())) ASSERT_GE(uint8_t(c), 0x20);
+        ASSERT_FALSE(ficparse::EnsembleText(parser.ensemble(), &parser.statistics()).empty());
+        if (n % 5000 == 4999) parser.Reset();
+    }
+}
+
+// Next configuration, other ensembles and orphan labels stay out of the
+// model; the latest entry wins; Reset forgets.
 TEST(FicParser, WhatEntersTheModel) {
-    // Next configuration, other ensembles and orphan labels stay out; the
-    // next configuration's sub-channels are kept apart.
-    const FicParser out = Parsed({Fig01({{7, 0, false, 0, 0, 0, 0}}, 0x81), Fig01({{8, 0, false, 0, 0, 0, 0}}, 0x41),
-                                  Fig02({{0xC100, 0, {{0, 0, 1, true, false}}}}, false, 0x80),
-                                  Fig1(1, 0xC200, "Elsewhere", 0, 0, true), Fig1(1, 0xC300, "Orphan", 0)});
-    EXPECT_TRUE(out.ensemble().subChannels.empty());
-    EXPECT_TRUE(out.ensemble().services.empty());
-    EXPECT_EQ(out.ensemble().nextSubChannels.size(), 1u);
-    // The latest entry wins; Reset forgets.
-    FicParser parser = Parsed({Fig01({{4, 10, false, 5, 0, 0, 0}}),
-                               Fig02({{0xC400, 0, {{0, 0, 4, true, false}, {1, 5, 4, false, false}}}}, false),
-                               Fig1(1, 0xC400, "Old", 0)});
-    Push(parser, {Fig01({{4, 99, true, 0, 0, 2, 16}}), Fig02({{0xC400, 0, {{0, 63, 4, true, false}}}}, false),
-                  Fig1(1, 0xC400, "New", 0)});
-    EXPECT_EQ(parser.ensemble().subChannels.at(4).startAddress, 99);
-    ASSERT_EQ(parser.ensemble().services.at(0xC400).components.size(), 1u);
-    EXPECT_EQ(parser.ensemble().services.at(0xC400).label.text, "New");
-    parser.Reset();
-    EXPECT_TRUE(parser.ensemble().services.empty());
-    EXPECT_EQ(parser.statistics().fibsGood, 0u);
-}
-
-TEST(FicParser, AnnouncedChangeOfTheSubChannelOrganisation) {
-    // Announced: change flags 01 at occurrence 167, the sub-channel as it
-    // will be in a C/N = 1 FIG 0/1; the current one stays as it is.
-    FicParser parser = Parsed({Fig01({{0, 0, true, 0, 0, 3, 48}}), Fig00(0xE1A6, 1, false, 0, 217, 167),
-                               Fig01({{0, 400, true, 0, 0, 2, 64}}, 0x81)});
+    FicParser parser = Parsed({Fig01({{7, 0, false, 0, 0, 0, 0}}, 0x81), Fig01({{8, 0, false, 0, 0, 0, 0}}, 0x41),
+                               Fig02({{0xC100, 0, {{0, 0, 1, true, false}}}}, false, 0x80),
+                               Fig1(1, 0xC200, "Elsewhere", 0, 0, true), Fig1(1, 0xC300, "Orphan", 0)});
     const Ensemble& e = parser.ensemble();
-    EXPECT_TRUE(e.SubChannelChangeAnnounced());
-    EXPECT_EQ(e.occurrenceChange, 167);
-    EXPECT_EQ(e.subChannels.at(0).startAddress, 0);
-    ASSERT_EQ(e.nextSubChannels.count(0), 1u);
-    EXPECT_EQ(e.nextSubChannels.at(0).startAddress, 400);
-    EXPECT_EQ(e.nextSubChannels.at(0).ProtectionText(), "EEP 2-A");
-    // A service-organisation change alone is no sub-channel change.
-    Push(parser, {Fig00(0xE1A6, 2, false, 0, 218, 167)});
-    EXPECT_FALSE(e.SubChannelChangeAnnounced());
-    // Once FIG 0/0 announces nothing the next configuration is forgotten.
-    Push(parser, {Fig00(0xE1A6, 0, false, 0, 168), Fig01({{0, 400, true, 0, 0, 2, 64}})});
-    EXPECT_FALSE(e.SubChannelChangeAnnounced());
-    EXPECT_TRUE(e.nextSubChannels.empty());
-    EXPECT_EQ(e.subChannels.at(0).startAddress, 400);
-}
-
-TEST(FicParser, MissingNamesWhatIsNotYetKnown) {
-    FicParser parser = Parsed({Fig00(0x1111, 0, false, 0, 0), Fig1(0, 0x1111, "E", 0),
-                               Fig02({{0xC500, 0, {{0, 0, 2, true, false}, {3, 77, 0, false, false}}}}, false)});
-    EXPECT_EQ(parser.ensemble().Missing(),
-              (std::vector<std::string>{"label of service 0xC500", "sub-channel 2 of service 0xC500",
-                                        "packet data of component 77 of service 0xC500"}));
-    Push(parser, {Fig1(1, 0xC500, "S", 0), Fig01({{2, 0, false, 1, 0, 0, 0}}), Fig03({{77, false, false, 1, 2, 0}})});
-    EXPECT_TRUE(parser.ensemble().Complete());
-    // A data service without a label leaves it complete; one whose
-    // sub-channel is unknown does not.
-    Push(parser, {Fig02({{0xE0C12345u, 0, {{1, 5, 2, true, false}}}}, true)});
-    EXPECT_TRUE(parser.ensemble().Complete());
-    Push(parser, {Fig02({{0xE0C12346u, 0, {{1, 5, 9, true, false}}}}, true)});
-    EXPECT_EQ(parser.ensemble().Missing(), std::vector<std::string>{"sub-channel 9 of service 0xE0C12346"});
+    EXPECT_TRUE(e.subChannels.empty() && e.services.empty());
+    EXPECT_EQ(e.nextSubChannels.size(), 1u);
+    Push(parser, {Fig01({{4, 10, false, 5, 0, 0, 0}}),
+                  Fig02({{0xC400, 0, {{0, 0, 4, true, false}, {1, 5, 4, false, false}}}}, false), Fig1(1, 0xC400, "Old", 0),
+                  Fig01({{4, 99, true, 0, 0, 2, 16}}), Fig02({{0xC400, 0, {{0, 63, 4, true, false}}}}, false),
+                  Fig1(1, 0xC400, "New", 0)});
+    EXPECT_EQ(e.subChannels.at(4).startAddress, 99);
+    ASSERT_EQ(e.services.at(0xC400).components.size(), 1u);
+    EXPECT_EQ(e.services.at(0xC400).label.text, "New");
+    parser.Reset();
+    EXPECT_TRUE(e.services.empty());
+    EXPECT_EQ(parser.statistics().fibsGood, 0u);
 }
 
 TEST(FicParser, LabelCharacterSets) {
@@ -294,4 +307,44 @@ TEST(FicParser, EbuLatinLabels) {
     // No two codes of the set stand for the same character.
     const std::set<uint16_t> distinct(std::begin(ficparse::kEbuLatin), std::end(ficparse::kEbuLatin));
     EXPECT_EQ(distinct.size(), 256u);
+}
+
+// The text form line by line; the JSON form with escapes and nulls.
+TEST(EnsemblePrint, TextAndJson) {
+    const FicParser parser = Parsed({
+        Fig00(0xE123, 1, false, 4, 234, 240),
+        Fig1(0, 0xE123, "Quote\" \\ Back", 0xF800, 15),  // UTF-8, which has a backslash
+        Fig01({{1, 0, false, 5, 0, 0, 0}, {2, 24, true, 0, 1, 3, 18}}),
+        Fig02({{0xC221, 0, {{0, 63, 2, true, false}}}, {0xC222, 0, {{0, 0, 1, true, false}}}}, false),
+        Fig02({{0xE0C12345u, 0, {{3, 9, 0, true, false}}}}, true),
+        Fig1(1, 0xC221, "Plus", 0),
+        Fig01({{2, 400, true, 0, 0, 2, 32}}, 0x81),
+    });
+    const std::string text = ficparse::EnsembleText(parser.ensemble(), &parser.statistics());
+    for (const char* line : {
+             "Ensemble 0xE123 \"Quote\" \\ Back\" (short \"Quote\")\n",
+             "  CIF count 1234 (4/234), change 1 announced at CIF 240\n",
+             "  0xC221 \"Plus\"\n    audio, ASCTy 63 (DAB+), sub-channel 2, primary\n",
+             "  0xC222 (no label)\n    audio, ASCTy 0 (MPEG Layer II), sub-channel 1, primary\n",
+             "  0xE0C12345 (no label)\n    packet, SCId 9, packet data not yet known, primary\n",
+             "   1: start   0, size  24 CU, UEP 5, 48 kbit/s\n",
+             "   2: start  24, size  18 CU, EEP 3-B, 32 kbit/s\n",
+             "Next configuration, from CIF 240: 1\n   2: start 400, size  32 CU, EEP 2-A, 32 kbit/s\n",
+             "Incomplete, missing: label of service 0xC222; packet data of component 9 of service 0xE0C12345\n",
+             "FIGs seen: 0/0 0/1 0/2 1/0 1/1\n",
+         })
+        EXPECT_NE(text.find(line), std::string::npos) << line << "in\n" << text;
+
+    const std::string json = ficparse::EnsembleJson(parser.ensemble(), &parser.statistics());
+    for (const char* part : {
+             "\"label\": \"Quote\\\" \\\\ Back\"",
+             "{\"id\": 2, \"start\": 24, \"size\": 18, \"form\": \"long\", \"option\": 1, \"protectionLevel\": 3, "
+             "\"protection\": \"EEP 3-B\", \"bitRate\": 32}",
+             "\"nextSubChannels\": [{\"id\": 2, \"start\": 400,",
+             "{\"transport\": \"packet\", \"type\": null, \"subChannel\": null, \"serviceComponentId\": 9, "
+             "\"packetAddress\": null, \"dataGroups\": null, \"primary\": true",
+         })
+        EXPECT_NE(json.find(part), std::string::npos) << part << " in\n" << json;
+    const std::string empty = ficparse::EnsembleJson(ficparse::Ensemble());
+    EXPECT_NE(empty.find("\"id\": null"), std::string::npos) << empty;
 }

@@ -103,8 +103,7 @@ TEST(PadRoundTrip, ToggleAndClearChangeTheLabel) {
 TEST(PadRoundTrip, DamagedGroupsAreDroppedAndCounted) {
     gen::PadEncoder encoder("Damaged?", {{"p.jpg", 1, Picture(500, 3)}});
     pad::PadDecoder decoder;
-    int frame = 0;
-    for (int f = 0; f < 400; ++f, ++frame) {
+    for (int f = 0; f < 400; ++f) {
         const gen::PadField field = encoder.Next(56);
         std::vector<uint8_t> bytes(gen::PadEncoder::PadBytes(field, 0));
         gen::PadEncoder::Write(field, 0, bytes.data() + bytes.size());
@@ -169,13 +168,8 @@ TEST(PadRoundTrip, DabPlusAusCarryLabelAndSlide) {
     EXPECT_EQ(objects[0].name, "plus.jpg");
 }
 
-TEST(PadRoundTrip, SourcesWithoutAudioFramesRefusePad) {
-    auto random = gen::MakeRandomPayload(1);
-    EXPECT_FALSE(random->AttachPad(std::make_shared<gen::PadEncoder>("x", std::vector<gen::PadSlide>{})));
-}
-
 TEST(PadDecoderRobustness, RandomAndMutatedInputNeverReadsOutOfBounds) {
-    const int rounds = std::getenv("MVDAB_LONG_TESTS") ? 2000000 : 20000;
+    const int rounds = 20000;
     std::mt19937 rng(11);
     gen::PadEncoder encoder("robust", {{"r.png", 3, Picture(4000, 6)}});
     pad::PadDecoder decoder;
@@ -198,7 +192,6 @@ TEST(PadDecoderRobustness, RandomAndMutatedInputNeverReadsOutOfBounds) {
         }
         decoder.TakeObjects();
     }
-    SUCCEED();
 }
 
 TEST(PadLabelText, CharacterSets) {
