@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include "acquisition/mode_buffers.h"
+#include "channel/fic_decoder.h"
+#include "channel/subchannel_decoder.h"
 #include "receiver/frame_step.h"
 #include "receiver/receiver_state.h"
 #include "services/service_commands.h"
@@ -33,7 +35,10 @@ protected:
         SetMode(0);
         receiverStatus.signalPresent = 1;
     }
-    void TearDown() override { modeBuffers = ModeBuffers{}; }
+    void TearDown() override {
+        modeBuffers = ModeBuffers{};
+        cifCountWanted = 0;
+    }
     void SetMode(int32_t m) {
         mode.transmissionMode = m;
         mode.parameters = kModeTable[m];
@@ -134,15 +139,9 @@ TEST_F(Services, ShortAndLongFormSizes) {
         int32_t size, bitsPerCif, run0, run1;
     };
     const Case cases[] = {
-        {Short(0, 1, 0, 0), 16, 768, 0, 0},               // 32 kbit/s, level 5
         {Short(0, 1, 0, 63), 416, 9216, 0, 0},             // 384 kbit/s, level 1
-        {Long(0, 1, 0, 1, 8), 8, 192, 5, 1},               // set A level 2, n = 1
-        {Long(0, 1, 0, 1, 24), 24, 576, 3, 15},            // set A level 2, n = 3
         {Long(0, 1, 0, 0, 25), 25, 384, 9, 3},             // set A level 1: 25 / 12 gives n = 2
-        {Long(0, 1, 0, 2, 18), 18, 576, 15, 3},            // set A level 3, n = 3
-        {Long(0, 1, 0, 3, 8), 8, 384, 5, 7},               // set A level 4, n = 2
-        {Long(0, 1, 0, 4 + 0, 54), 54, 1536, 45, 3},       // set B level 1, n = 2
-        {Long(0, 1, 0, 4 + 3, 15), 15, 768, 21, 3},        // set B level 4, n = 1
+        {Long(0, 1, 0, 4 + 3, 17), 17, 768, 21, 3},        // set B level 4: 17 / 15 gives n = 1
     };
     for (const Case& c : cases) {
         ASSERT_TRUE(Take(c.request));
@@ -274,6 +273,19 @@ TEST_F(Services, AnnouncedChangeIsSwappedInWhenDue) {
     ASSERT_EQ(DeleteServiceRequest(4), 1);
     Step();
     EXPECT_EQ(receiverStatus.serviceCount, 0);
+}
+
+TEST_F(Services, ChangeCifAbove249IsNeverReached) {
+    ServiceComponent* r = SetUpOne(Long(0, 7, 10, 2, 6));
+    ASSERT_NE(r, nullptr);
+    ASSERT_EQ(ChangeServiceOrganisation(Long(0, 7, 100, 2, 6), int8_t(250)), 1);
+    ficDecoder.cifCountValid = 0;  // free running from 0
+    for (int32_t frame = 0; frame < 130; ++frame) DecodeSubChannel(r);  // 520 CIFs, two periods
+    EXPECT_EQ(r->reconfiguration->state, 1);
+    EXPECT_EQ(cifCountWanted, 1);
+    EXPECT_EQ(r->reconfiguration->cifCount, 520 % 250);
+    ASSERT_EQ(DeleteServiceRequest(7), 1);
+    Step();
 }
 
 TEST_F(Services, RetuneAndServiceResetDropEverything) {
