@@ -180,21 +180,27 @@ TEST_F(PacketExtraction, StreamReadWithoutFecDeliversEveryWantedPacket) {
 
 // How many FEC packets of a damaged table are in place decides whether the
 // decoder keeps the frame alignment: with 6 it fills the next table, with 5
-// it searches again. The table itself is delivered either way.
+// it searches again; a clean table keeps it whatever its FEC packets. The
+// table itself is delivered either way.
 TEST_F(PacketExtraction, FewFecPacketsInPlaceRestartTheSearch) {
-    for (int inPlace : {6, 5}) {
-        SCOPED_TRACE(std::to_string(inPlace) + " FEC packets in place");
+    struct Case {
+        int inPlace;
+        bool damaged;
+        int state;
+    };
+    for (const Case c : {Case{6, true, 3}, Case{5, true, 0}, Case{5, false, 3}}) {
+        SCOPED_TRACE(std::to_string(c.inPlace) + " FEC packets in place, damaged " + std::to_string(c.damaged));
         SentPackets s(true, 60);
         uint8_t* frame2 = &s.bytes[size_t(2) * kFecFrameBytes];
-        frame2[100] ^= 0x55;  // a damaged table
-        for (int k = inPlace; k < 9; ++k) frame2[kFecDataBytes + 24 * k + 1] ^= 0x10;  // not address 1022
+        if (c.damaged) frame2[100] ^= 0x55;
+        for (int k = c.inPlace; k < 9; ++k) frame2[kFecDataBytes + 24 * k + 1] ^= 0x10;  // not address 1022
         ResetPacketProbe(0);
         ResetPacketDecoder(0);
         RestartPacketSearch(0);
         delivered.clear();
         const std::vector<uint8_t> upTo(s.bytes.begin(), s.bytes.begin() + 3 * kFecFrameBytes);
         Feed(upTo, 768, 1);
-        EXPECT_EQ(packetDecoders[0].state, inPlace >= 6 ? 3 : 0);
+        EXPECT_EQ(packetDecoders[0].state, c.state);
         // Tables 1 and 2 (the damaged one, repaired) come out whole.
         auto expected = s.Of(kWanted, s.FirstOfFrame(1));
         expected.resize(expected.size() - s.Of(kWanted, s.FirstOfFrame(3)).size());
