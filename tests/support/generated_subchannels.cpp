@@ -1,8 +1,6 @@
 #include "tests/support/generated_subchannels.h"
 
-#include <cstring>
 #include <string>
-#include <unordered_map>
 
 #include "generator/payload_sources.h"
 #include "generator/protection_profiles.h"
@@ -48,31 +46,6 @@ std::vector<uint8_t> SentPayload(const gen::EnsembleDescription& d, int32_t id, 
         for (int64_t k = 0; k < logicalFrames; ++k) payload->NextLogicalFrame(bytes.data() + k * frameBytes, frameBytes);
     }
     return bytes;
-}
-
-size_t ExactLogicalFrames(const std::vector<uint8_t>& sent, const std::vector<uint8_t>& got, size_t frameBytes) {
-    if (frameBytes < sizeof(uint64_t)) return 0;
-    // Sent frames by their first eight bytes; the payloads never repeat.
-    std::unordered_map<uint64_t, size_t> index;
-    for (size_t k = 0; (k + 1) * frameBytes <= sent.size(); ++k) {
-        uint64_t key;
-        std::memcpy(&key, sent.data() + k * frameBytes, sizeof key);
-        index.emplace(key, k);
-    }
-    auto find = [&](size_t at) -> const uint8_t* {
-        uint64_t key;
-        std::memcpy(&key, got.data() + at, sizeof key);
-        auto it = index.find(key);
-        return it == index.end() ? nullptr : sent.data() + it->second * frameBytes;
-    };
-    size_t start = 0;
-    while (start < frameBytes && start + frameBytes <= got.size() && find(start) == nullptr) ++start;
-    size_t good = 0;
-    for (size_t at = start; at + frameBytes <= got.size(); at += frameBytes) {
-        const uint8_t* match = find(at);
-        if (match != nullptr && std::memcmp(got.data() + at, match, frameBytes) == 0) ++good;
-    }
-    return good;
 }
 
 }  // namespace mvdab::test

@@ -4,7 +4,6 @@
 // tests of the shared library can use it too.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -30,10 +29,5 @@ bool DescribeSubChannel(const gen::EnsembleDescription& d, int32_t id, bool afte
 // back to back, as the transmitter's payload source makes them; empty if
 // there is no such sub-channel.
 std::vector<uint8_t> SentPayload(const gen::EnsembleDescription& d, int32_t id, int64_t logicalFrames);
-
-// How many logical frames of `frameBytes` in `got` equal one that was sent.
-// `got` is cut into frames from the first offset, within its first frame,
-// at which a sent frame starts (a receiver's dump may begin mid-frame).
-size_t ExactLogicalFrames(const std::vector<uint8_t>& sent, const std::vector<uint8_t>& got, size_t frameBytes);
 
 }  // namespace mvdab::test
