@@ -14,6 +14,8 @@
 #include <benchmark/benchmark.h>
 
 #if __has_include(<SoapySDR/Device.h>)
+#include <dlfcn.h>
+#include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -27,9 +29,58 @@
 #include <string>
 #include <vector>
 
-#include "tests/soapy/soapy_test_support.h"
+#include "device/device_interface.h"
 
 namespace {
+
+// The five entries of the device library that a reader uses.
+struct DeviceEntries {
+    MVA_BDAFilterInit_t filterInit = nullptr;
+    MVA_BDAFilterRelease_t filterRelease = nullptr;
+    MVA_SetDABEventHandle_t setEventHandle = nullptr;
+    MVA_GetData_t getData = nullptr;
+    MVA_Demod_Byte_Write_t demodWrite = nullptr;
+    std::string error;
+
+    bool Load() {
+        const char* dir = std::getenv("MVDAB_LIB_DIR");
+        void* library = dlopen((std::string(dir != nullptr ? dir : ".") + "/libMVC900ACCESS_soapy.so").c_str(), RTLD_NOW);
+        if (library == nullptr) return error = dlerror(), false;
+        filterInit = reinterpret_cast<MVA_BDAFilterInit_t>(dlsym(library, "MVA_BDAFilterInit"));
+        filterRelease = reinterpret_cast<MVA_BDAFilterRelease_t>(dlsym(library, "MVA_BDAFilterRelease"));
+        setEventHandle = reinterpret_cast<MVA_SetDABEventHandle_t>(dlsym(library, "MVA_SetDABEventHandle"));
+        getData = reinterpret_cast<MVA_GetData_t>(dlsym(library, "MVA_GetData"));
+        demodWrite = reinterpret_cast<MVA_Demod_Byte_Write_t>(dlsym(library, "MVA_Demod_Byte_Write"));
+        if (filterInit && filterRelease && setEventHandle && getData && demodWrite) return true;
+        return error = "an entry of the device library is missing", false;
+    }
+};
+
+// Waits up to `timeoutMs` for the device's event, then fetches what it has.
+void WaitAndFetch(const DeviceEntries& entries, int eventFd, int timeoutMs, uint8_t* buffer, int32_t* got) {
+    *got = 0;
+    pollfd p{eventFd, POLLIN, 0};
+    uint64_t count = 0;
+    if (poll(&p, 1, timeoutMs) <= 0 || read(eventFd, &count, sizeof count) < 0) return;
+    int32_t reserved = 0;
+    entries.getData(buffer, MVA_READ_CAPACITY, got, &reserved);
+}
+
+// Samples the test module has delivered, through its state entry.
+int64_t ModuleSamples() {
+    const char* dir = std::getenv("SOAPY_SDR_PLUGIN_PATH");
+    const std::string path = std::string(dir != nullptr ? dir : ".") + "/libmvxtest_soapy_module.so";
+    void* module = dlopen(path.c_str(), RTLD_NOW | RTLD_NOLOAD);
+    if (module == nullptr) return 0;
+    double correction = 0, frequency = 0;
+    int64_t samples = 0;
+    int32_t gain = 0;
+    using StateEntry = int32_t (*)(double*, int64_t*, int32_t*, double*);
+    if (auto entry = reinterpret_cast<StateEntry>(dlsym(module, "MvxTestModuleState")))
+        entry(&correction, &samples, &gain, &frequency);
+    dlclose(module);
+    return samples;
+}
 
 constexpr double kSeconds = 4.0;
 constexpr double kRate = 2048000.0;
@@ -91,14 +142,14 @@ void DeviceLibrary(benchmark::State& state, const char* format, bool correction)
         std::vector<uint8_t> buffer(MVA_READ_CAPACITY);
         const double start = ProcessCpuSeconds();
         entries.setEventHandle(&handle);
-        while (ReadModuleState().samples < int64_t(kSeconds * kRate)) {
+        while (ModuleSamples() < int64_t(kSeconds * kRate)) {
             int32_t got = 0;
             WaitAndFetch(entries, fd, 100, buffer.data(), &got);
         }
         const double cpu = ProcessCpuSeconds() - start;
         entries.filterRelease(0);
         close(fd);
-        state.counters["realtime_share"] = cpu / (double(ReadModuleState().samples) / kRate);
+        state.counters["realtime_share"] = cpu / (double(ModuleSamples()) / kRate);
     }
 }
 
