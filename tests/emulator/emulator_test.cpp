@@ -1,4 +1,4 @@
-// The emulated device: its registers and the clock resampler on their own
+// The emulated device: its registers on their own
 // (its configuration texts and faults are used by every test that runs on
 // it), and its entry points as a receiver drives them (streaming and the
 // event, tuning between per-frequency sources, settling noise, overflow, the
@@ -175,41 +175,6 @@ private:
     double amplitude_;
     int64_t n_ = 0;
 };
-
-// Error power of `bytes` against the tone at times n / (1 + ppm 1e-6),
-// relative to the tone's power, in dB.
-double ToneErrorDb(const Bytes& bytes, double cycles, double ppm, size_t skip) {
-    double error = 0.0, power = 0.0;
-    for (size_t n = skip; n < bytes.size() / 2; ++n) {
-        const double t = double(n) / (1.0 + ppm * 1.0e-6);
-        const std::complex<double> want = 60.0 * std::polar(1.0, 2.0 * M_PI * cycles * t);
-        const std::complex<double> got(bytes[2 * n] - 127.5, bytes[2 * n + 1] - 127.5);
-        error += std::norm(got - want);
-        power += std::norm(want);
-    }
-    return 10.0 * std::log10(error / power);
-}
-
-TEST(EmulatorClock, ResamplesAccuratelyAcrossTheBand) {
-    // Tones inside the DAB band (up to 0.375 cycles per sample), at clock
-    // errors of both signs and a large one, in blocks as the stream asks.
-    for (double cycles : {0.2, -0.37}) {
-        for (double ppm : {-150.0, 3000.0}) {
-            ToneSource tone(cycles, 60.0);
-            ClockResampler r;
-            Bytes out(2 * 60000);
-            for (size_t done = 0, block = 0; done < 60000; done += block) {
-                block = std::min<size_t>(60000 - done, 7001);
-                ASSERT_EQ(r.Produce(&tone, ppm, out.data() + done * 2, block), block);
-            }
-            // Rounding to bytes on the way in and out alone gives about -40 dB
-            // at this amplitude.
-            EXPECT_LT(ToneErrorDb(out, cycles, ppm, 16), -38.5) << cycles << " cycles, " << ppm << " ppm";
-            // Without the clock error modelled the drift would show.
-            EXPECT_GT(ToneErrorDb(out, cycles, 0.0, 16), -30.0);
-        }
-    }
-}
 
 TEST(EmulatorDevice, StreamsPacedTransfersBelowAnIqFrame) {
     Configure({{"MVC900_SOURCE", "noise"}});

@@ -10,7 +10,7 @@
 // Configured by environment variables, read when a device is made:
 //   MVXTEST_SOURCE      generated:DESC (default generated:preset=default) or file:PATH (raw u8 I/Q, looped)
 //   MVXTEST_CLOCK_PPM   sample-clock error of the converter, ppm (default 0)
-//   MVXTEST_FORMAT      the one stream format offered: CS8, CU8, CS16 (default) or CF32
+//   MVXTEST_FORMAT      the one stream format offered: CS16 (default) or CF32
 //   MVXTEST_CORRECTION  0: no frequency correction (default 1)
 //   MVXTEST_SPEED       pacing as a multiple of real time (default 1)
 //   MVXTEST_UNPLUG_MS   the device fails its stream (readStream: stream error)
@@ -29,7 +29,6 @@
 #include <chrono>
 #include <cmath>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
@@ -80,7 +79,7 @@ public:
         if (source_ == nullptr) throw std::runtime_error("mvxtest: " + error);
         clockPpm_ = EnvNumber("MVXTEST_CLOCK_PPM", 0.0);
         format_ = EnvText("MVXTEST_FORMAT", "CS16");
-        if (format_ != "CS8" && format_ != "CU8" && format_ != "CS16" && format_ != "CF32")
+        if (format_ != "CS16" && format_ != "CF32")
             throw std::runtime_error("mvxtest: unknown MVXTEST_FORMAT " + format_);
         correction_ = EnvNumber("MVXTEST_CORRECTION", 1.0) != 0.0;
         speed_ = EnvNumber("MVXTEST_SPEED", 1.0);
@@ -96,7 +95,7 @@ public:
 
     std::vector<std::string> getStreamFormats(const int, const size_t) const override { return {format_}; }
     std::string getNativeStreamFormat(const int, const size_t, double& fullScale) const override {
-        fullScale = format_ == "CF32" ? 1.0 : (format_ == "CS16" ? 32768.0 : 128.0);
+        fullScale = format_ == "CF32" ? 1.0 : 32768.0;
         return format_;
     }
 
@@ -181,11 +180,7 @@ private:
     // taking floor(x * 128 / fullScale) + 128 gets b back.
     void Convert(size_t samples, void* out) const {
         const size_t values = samples * 2;
-        if (format_ == "CU8") {
-            std::memcpy(out, bytes_.data(), values);
-        } else if (format_ == "CS8") {
-            for (size_t i = 0; i < values; ++i) static_cast<int8_t*>(out)[i] = int8_t(int32_t(bytes_[i]) - 128);
-        } else if (format_ == "CS16") {
+        if (format_ == "CS16") {
             for (size_t i = 0; i < values; ++i) static_cast<int16_t*>(out)[i] = int16_t((int32_t(bytes_[i]) - 128) * 256);
         } else {
             for (size_t i = 0; i < values; ++i) static_cast<float*>(out)[i] = (float(bytes_[i]) - 128.0f) / 128.0f;
