@@ -1,10 +1,14 @@
 #!/usr/bin/env python3
-"""dabhost --web on the emulated device (MVC900_* from the environment), over
-HTTP as the page drives it.
+"""dabhost --web on the emulated device (MVC900_* from the environment), first
+over HTTP as the page drives it, then in headless Chromium through
+chromedriver (W3C WebDriver, standard library only; skipped without them).
 
-Usage: web_on_emulator.py DABHOST SLIDES
+Usage: web_on_emulator.py DABHOST SLIDES SCREENSHOT
 """
-import json, os, re, subprocess, sys, tempfile, time, urllib.error, urllib.request
+import base64, json, os, re, shutil, socket, subprocess, sys, tempfile, time, urllib.error, urllib.request
+
+ELEMENT = "element-6066-11e4-a52e-4f735466cecf"  # the key WebDriver names elements by
+
 
 def call(base, method, path, body=None, kind="application/json"):
     data = None if body is None else (body if isinstance(body, str) else json.dumps(body)).encode()
@@ -66,14 +70,65 @@ def over_http(page, slides):
     assert any(open(os.path.join(slides, f), "rb").read() == picture for f in os.listdir(slides))
 
 
+def in_browser(page, driver, chromium, screenshot):
+    port = socket.create_server(("127.0.0.1", 0)).getsockname()[1]
+    chrome = subprocess.Popen([driver, "--port=%d" % port], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    base, session = "http://127.0.0.1:%d" % port, None
+    try:
+        wait_for("chromedriver", lambda: call(base, "GET", "/status")[1]["value"]["ready"] if _up(port) else False, 5)
+        args = ["--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage", "--window-size=1280,900",
+                "--autoplay-policy=no-user-gesture-required"]
+        caps = {"capabilities": {"alwaysMatch": {"browserName": "chrome",
+                                                 "goog:chromeOptions": {"binary": chromium, "args": args}}}}
+        session = call(base, "POST", "/session", caps)[1]["value"]["sessionId"]
+        s = base + "/session/" + session
+        script = lambda code: call(s, "POST", "/execute/sync", {"script": code, "args": []})[1]["value"]
+        call(s, "POST", "/url", {"url": page})
+        wait_for("MVX PAD", lambda: script("return document.getElementById('ensemble-label').textContent") == "MVX PAD", 15)
+        buttons = wait_for("the services", lambda: script(
+            "return [...document.querySelectorAll('#services button')].map(b => b.textContent)"), 10)
+        index = 1 + next(i for i, b in enumerate(buttons) if b.startswith("PAD Classic"))
+        button = call(s, "POST", "/element", {"using": "css selector",
+                                              "value": "#services button[data-id]:nth-child(%d)" % index})[1]["value"]
+        call(s, "POST", "/element/%s/click" % button[ELEMENT], {})
+        wait_for("the Dynamic Label", lambda: script("return document.getElementById('dynamic-label').textContent")
+                 == "MP2 now: a text of more than sixteen characters", 20)
+        wait_for("the slide", lambda: script("const i = document.getElementById('slide');"
+                                             "return i.complete && i.naturalWidth > 0 && i.style.display !== 'none'"), 20)
+        assert script("return document.querySelector('#services button.selected').textContent").startswith("PAD Classic")
+        # The click started the MP3 stream: the <audio> element plays it.
+        wait_for("the audio to play", lambda: script(
+            "const p = document.getElementById('player'); return !p.error && p.currentTime > 0.5"), 10)
+        with open(screenshot, "wb") as f:
+            f.write(base64.b64decode(call(s, "GET", "/screenshot")[1]["value"]))
+    finally:
+        if session:
+            call(base, "DELETE", "/session/" + session)
+        chrome.terminate()
+        chrome.wait(10)
+
+
+def _up(port):
+    try:
+        socket.create_connection(("127.0.0.1", port), 1).close()
+        return True
+    except OSError:
+        return False
+
+
 def main():
-    dabhost, slides = sys.argv[1:3]
+    dabhost, slides, screenshot = sys.argv[1:4]
     log = tempfile.TemporaryFile(mode="w+")
     host = subprocess.Popen([dabhost, "--web", "0", "-f", "227360", "-i", "0.05"], stderr=log)
     try:
         page = wait_for("dabhost's port", lambda: log.seek(0) == 0 and
                         (lambda m: m and m.group(1))(re.search(r"web page at (http://\S+/)", log.read())), 5)
         over_http(page, slides)
+        chromium, driver = shutil.which("chromium") or shutil.which("chromium-browser"), shutil.which("chromedriver")
+        if chromium and driver:
+            in_browser(page, driver, chromium, screenshot)
+        else:
+            print("chromium and chromedriver are not installed: the page was not tried in a browser")
         # dabhost ends in order on SIGINT, and so does a stream still playing.
         stream = urllib.request.urlopen(page + "audio.mp3", timeout=10)
         host.send_signal(2)
