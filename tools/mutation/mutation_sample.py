@@ -126,7 +126,9 @@ def build_and_test(build, timeout):
                             "--timeout", str(timeout)] + EXCLUDE, capture_output=True, text=True)
         if t.returncode == 0:
             return True, None
-        failed = re.findall(r"^\s*\d+ - (\S+) \(", t.stdout, re.M)
+        listed = t.stdout.split("The following tests FAILED:")[-1] if "tests FAILED:" in t.stdout else ""
+        failed = re.findall(r"^\s*\d+ - (\S+) \((?:Failed|Timeout|SEGFAULT|Subprocess|Exception|OTHER_FAULT)",
+                            listed, re.M)
         if not failed:
             return True, ["(ctest failed)"]
         again = subprocess.run(["ctest", "--test-dir", build, "--timeout", str(timeout), "-R",
