@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <limits>
 #include <random>
 #include <tuple>
 #include <vector>
@@ -242,18 +241,6 @@ TEST_F(FicDecoderTest, CifCountIsTakenOnlyWhenWanted) {
     EXPECT_EQ(ficDecoder.latestCifCountLow, 200);
 }
 
-TEST_F(FicDecoderTest, AnyFloatIsClippedIntoANibble) {
-    // Boosted, infinite and faded frames with NaNs here and there (read as
-    // neutral) all decode.
-    for (float amplitude : {1000.0f, std::numeric_limits<float>::infinity(), 0.06f}) {
-        SCOPED_TRACE(amplitude);
-        Transmit({}, amplitude);
-        for (size_t i = 2 * 1536 + 5; i < 2 * 1536 + 9216; i += 97) carriers_[i] = std::nanf("");
-        DecodeFic();
-        EXPECT_EQ(fic.flags, Flags());
-    }
-}
-
 // FIG 0/0 (count 4/234) and FIG 1/0 of a published example, CRC F5 A2.
 const Bytes kWorkedFib = {0x05, 0x00, 0xE1, 0x23, 0x04, 0xEA, 0x35, 0x00, 0xE1, 0x23, 0x54,
                           0x45, 0x53, 0x54, 0x20, 0x45, 0x4E, 0x53, 0x45, 0x4D, 0x42, 0x4C,
@@ -277,14 +264,6 @@ TEST(CheckFibCrc, CountsFailuresAndShiftsTheMask) {
         uint32_t mask = 1;
         EXPECT_EQ(CheckFibCrc(cif.data(), &mask), m == 2 ? 2 : 1);
         EXPECT_EQ(mask, m == 2 ? 0b11010u : 0b1101u);
-    }
-    // Any single flipped bit, data or CRC, fails the check.
-    for (int bit = 0; bit < 256; ++bit) {
-        Bytes flipped = Concat({kWorkedFib, kWorkedFib, kWorkedFib});
-        flipped[bit / 8] ^= uint8_t(0x80 >> bit % 8);
-        uint32_t mask = 0;
-        EXPECT_EQ(CheckFibCrc(flipped.data(), &mask), 1) << "bit " << bit;
-        EXPECT_EQ(mask, 0b011u) << "bit " << bit;
     }
 }
 
