@@ -119,7 +119,7 @@ protected:
             carriers_[2 * p.carrierCount + i] = (coded[i] ? -amplitude : amplitude) + noise * gauss(rng_);
         return all;
     }
-    void Frame(const std::vector<int>& bad = {}) { Transmit(bad), DecodeFic(); }
+    int32_t Frame(const std::vector<int>& bad = {}) { return Transmit(bad), DecodeFic(); }
     void NoiseFrame() {
         std::normal_distribution<float> gauss(0.0f, 0.7f);
         const ModeParameters& p = mode.parameters;
@@ -162,7 +162,7 @@ TEST_F(FicDecoderTest, RunningErrorsAgainstTheModeThreshold) {
         SCOPED_TRACE(testing::Message() << "mode " << k.mode + 1 << ", " << k.bad.size() << " bad");
         SetMode(k.mode);
         ficDecoder.ficErrorCount = 10;
-        Frame(k.bad);
+        EXPECT_EQ(Frame(k.bad), 1);
         EXPECT_EQ(receiverStatus.syncState.load(), k.syncState);
         EXPECT_EQ(ficDecoder.ficErrorCount, k.errorCount);
         EXPECT_EQ(fic.flags, Flags(k.bad));
