@@ -14,20 +14,7 @@ namespace {
 
 using namespace mvdab;
 
-constexpr float kSentinel = -12345.0f;
-
-void FillFrameCarriers() {
-    const int64_t floats = static_cast<int64_t>(mode.parameters.symbolsPerFrame) * 2 * mode.parameters.carrierCount;
-    std::fill(modeBuffers.frameCarriers, modeBuffers.frameCarriers + floats, kSentinel);
-}
-
-std::vector<float> Row(int32_t row) {
-    const int32_t k = mode.parameters.carrierCount;
-    const float* r = modeBuffers.frameCarriers + static_cast<int64_t>(row) * 2 * k;
-    return std::vector<float>(r, r + 2 * k);
-}
-
-bool RowUntouched(int32_t row) { return Row(row) == std::vector<float>(2 * mode.parameters.carrierCount, kSentinel); }
+using namespace demodtest;
 
 class DemodMask : public ::testing::TestWithParam<int32_t> {
 protected:

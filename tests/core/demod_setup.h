@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -55,6 +56,16 @@ inline bool SetUpMode(int32_t m) {
 // Bytes available behind historyBase up to the end of the pool.
 inline int64_t HistoryBytes() {
     return static_cast<int64_t>(mvdab::kWorkingPoolBytes) - (mvdab::workBlocks.historyBase - mvdab::workBlocks.workingPool);
+}
+
+// FrameCarriers rows, and the value that marks a row not written.
+constexpr float kSentinel = -12345.0f;
+inline float* Row(int32_t l) {
+    return mvdab::modeBuffers.frameCarriers + int64_t(l) * 2 * mvdab::mode.parameters.carrierCount;
+}
+inline void FillFrameCarriers() { std::fill(Row(0), Row(mvdab::mode.parameters.symbolsPerFrame), kSentinel); }
+inline bool RowUntouched(int32_t l) {
+    return std::all_of(Row(l), Row(l + 1), [](float v) { return v == kSentinel; });
 }
 
 // Test names for suites run over the four modes.

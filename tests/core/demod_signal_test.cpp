@@ -20,7 +20,7 @@ namespace {
 
 using namespace mvdab;
 
-constexpr float kSentinel = -12345.0f;
+using namespace demodtest;
 
 // Feeds consecutive frames of random channel bits into the history so that
 // each frame's phase reference starts half a guard after frameSamples, where
@@ -66,7 +66,6 @@ private:
     size_t next_ = 0;
 };
 
-float* Row(int32_t l) { return modeBuffers.frameCarriers + int64_t(l) * 2 * mode.parameters.carrierCount; }
 
 // Mean |soft value| over rows first..last.
 double MeanSize(int32_t first, int32_t last) {
@@ -81,13 +80,10 @@ double MeanSize(int32_t first, int32_t last) {
 void ExpectOnlyRowsWritten(int32_t first, int32_t last) {
     for (int32_t l = 0; l < mode.parameters.symbolsPerFrame; ++l) {
         if (l >= first && l <= last) continue;
-        for (int32_t i = 0; i < 2 * mode.parameters.carrierCount; ++i) ASSERT_EQ(Row(l)[i], kSentinel) << "row " << l;
+        ASSERT_TRUE(RowUntouched(l)) << "row " << l;
     }
 }
 
-void FillFrameCarriers() {
-    std::fill(Row(0), Row(mode.parameters.symbolsPerFrame), kSentinel);
-}
 
 // Share of the soft values of rows first.. whose sign disagrees with the sent
 // bit (positive means 0); data symbol d is row d, values of 0 count as errors.

@@ -28,16 +28,14 @@ protected:
     }
     int32_t K() const { return mode.parameters.carrierCount; }
 
-    // Examines carriers of unit power with a random phase (or, given a noise
-    // level, Gaussian ones), plus lines of the given power on the listed
-    // carriers.
-    void Examine(const Lines& lines = {}, float linePower = 0.0f, float noise = 0.0f) {
+    // Examines carriers of unit power with a random phase, plus lines of the
+    // given power on the listed carriers.
+    void Examine(const Lines& lines = {}, float linePower = 0.0f) {
         std::vector<float> c(2 * K());
-        std::normal_distribution<float> gauss(0.0f, noise > 0.0f ? noise : 1.0f);
         for (int32_t i = 0; i < K(); ++i) {
-            const double a = noise > 0.0f ? 0.0 : phase_(rng_);
-            c[2 * i] = noise > 0.0f ? gauss(rng_) : static_cast<float>(std::cos(a));
-            c[2 * i + 1] = noise > 0.0f ? gauss(rng_) : static_cast<float>(std::sin(a));
+            const double a = phase_(rng_);
+            c[2 * i] = static_cast<float>(std::cos(a));
+            c[2 * i + 1] = static_cast<float>(std::sin(a));
         }
         for (int32_t k : lines) {
             c[2 * k] = std::sqrt(linePower);

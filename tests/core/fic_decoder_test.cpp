@@ -6,10 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cmath>
-#include <limits>
 #include <random>
-#include <tuple>
 #include <vector>
 
 #include "acquisition/mode_buffers.h"
@@ -47,13 +44,11 @@ Bytes RandomFib(std::mt19937& rng, bool breakCrc = false) {
 
 struct Delivery {
     int calls = 0;
-    const uint8_t* bytes = nullptr;
-    Bytes copy;
     int32_t flags = -1;
 };
 Delivery fic, mwFic;
-void OnFic(uint8_t* b, int32_t n, int32_t f) { fic = {fic.calls + 1, b, Bytes(b, b + n), f}; }
-void OnMwFic(uint8_t* b, int32_t n, int32_t f) { mwFic = {mwFic.calls + 1, b, Bytes(b, b + n), f}; }
+void OnFic(uint8_t*, int32_t, int32_t f) { fic = {fic.calls + 1, f}; }
+void OnMwFic(uint8_t*, int32_t, int32_t f) { mwFic = {mwFic.calls + 1, f}; }
 
 // Each switch of the reception line, with the syncState of that moment.
 std::vector<std::pair<int32_t, int32_t>> lineEvents;
@@ -104,29 +99,21 @@ protected:
     // Codes a frame of FIBs into FrameCarriers from row 1 on: `fib(i)` where
     // given, random FIBs with broken CRCs at the `bad` positions otherwise.
     // Returns the FIBs.
-    Bytes Transmit(const std::vector<int>& bad = {}, float amplitude = 0.7071f, float noise = 0.0f,
-                   Bytes (*fib)(int, std::mt19937&) = nullptr) {
+    Bytes Transmit(const std::vector<int>& bad = {}, Bytes (*fib)(int, std::mt19937&) = nullptr) {
         const ModeParameters& p = mode.parameters;
         Bytes all;
         for (int32_t i = 0; i < Fibs(); ++i) {
             const Bytes f = fib ? fib(i, rng_) : RandomFib(rng_, Has(bad, i));
             all.insert(all.end(), f.begin(), f.end());
         }
-        // +amplitude for a 0 bit, -amplitude for a 1, plus Gaussian noise.
+        // +0.7071 for a 0 bit, -0.7071 for a 1.
         std::vector<uint8_t> coded;
         for (int32_t c = 0; c < p.cifsPerFrame; ++c) gen::EncodeFicBlock(&all[c * p.ficBytesPerCif], mode.transmissionMode + 1, coded);
-        std::normal_distribution<float> gauss(0.0f, 1.0f);
         for (size_t i = 0; i < coded.size(); ++i)
-            carriers_[2 * p.carrierCount + i] = (coded[i] ? -amplitude : amplitude) + noise * gauss(rng_);
+            carriers_[2 * p.carrierCount + i] = coded[i] ? -0.7071f : 0.7071f;
         return all;
     }
-    void Frame(const std::vector<int>& bad = {}) { Transmit(bad), DecodeFic(); }
-    void NoiseFrame() {
-        std::normal_distribution<float> gauss(0.0f, 0.7f);
-        const ModeParameters& p = mode.parameters;
-        for (int32_t i = 0; i < p.cifsPerFrame * p.ficCodedBits; ++i) carriers_[2 * p.carrierCount + i] = gauss(rng_);
-        DecodeFic();
-    }
+    int32_t Frame(const std::vector<int>& bad = {}) { return Transmit(bad), DecodeFic(); }
     // The mode, and a bit per good FIB from bit 15 down.
     int32_t Flags(const std::vector<int>& bad = {}) const {
         int32_t flags = mode.transmissionMode + 1;
@@ -141,27 +128,6 @@ protected:
     int32_t (*savedLine_)(int32_t) = nullptr;
     ModeBuffers savedBuffers_;
 };
-
-TEST_F(FicDecoderTest, NoisyFramesInEveryModeAndScale) {
-    for (int32_t m = 0; m < 4; ++m) {
-        for (uint8_t scale : {1, 2}) {
-            SCOPED_TRACE(testing::Message() << "mode " << m + 1 << " softBitMode " << int(scale));
-            SetMode(m);
-            receiverSettings.softBitMode = scale;
-            const Bytes sent = Transmit({}, 0.7071f, 0.25f);
-            ficDecoder.ficErrorCount = 9;
-            EXPECT_EQ(DecodeFic(), 1);
-            EXPECT_EQ(std::tuple(receiverStatus.syncState.load(), ficDecoder.ficErrorCount, fic.flags, mwFic.flags),
-                      std::tuple(4, 0, Flags(), Flags()));
-            EXPECT_EQ(bytes_, sent);
-            EXPECT_EQ(fic.bytes, bytes_.data());  // the FIBs in place, not a copy
-            EXPECT_EQ(fic.copy, sent);
-            EXPECT_EQ(mwFic.copy, sent);
-        }
-    }
-    EXPECT_EQ(fic.calls, 8);
-    EXPECT_EQ(mwFic.calls, 8);
-}
 
 // Failed FIBs by position: the count running over the CIFs of a frame, the
 // tolerance of each mode, and the sum ficErrorCount builds from it.
@@ -184,10 +150,11 @@ TEST_F(FicDecoderTest, RunningErrorsAgainstTheModeThreshold) {
         SCOPED_TRACE(testing::Message() << "mode " << k.mode + 1 << ", " << k.bad.size() << " bad");
         SetMode(k.mode);
         ficDecoder.ficErrorCount = 10;
-        Frame(k.bad);
+        EXPECT_EQ(Frame(k.bad), 1);
         EXPECT_EQ(receiverStatus.syncState.load(), k.syncState);
         EXPECT_EQ(ficDecoder.ficErrorCount, k.errorCount);
         EXPECT_EQ(fic.flags, Flags(k.bad));
+        EXPECT_EQ(mwFic.flags, Flags(k.bad));
     }
     // Within a frame the state steps through the running totals, seen here
     // when the line switches: on at a clean first CIF, off at the second.
@@ -226,7 +193,7 @@ TEST_F(FicDecoderTest, CifCountIsTakenOnlyWhenWanted) {
     // FIB 0 holds a FIG 0/0 but fails its CRC; FIB 4 holds one behind two
     // other FIGs. The count is 3 * 250 + 201, that of the second CIF (FIB 4
     // of mode I), so the frame's first CIF has the low part 200.
-    Transmit({}, 0.7071f, 0.0f, [](int i, std::mt19937& rng) {
+    Transmit({}, [](int i, std::mt19937& rng) {
         return i == 0   ? MakeFib({0x05, 0x00, 0xE1, 0x23, 0x01, 11}, true)
                : i == 4 ? MakeFib({0x22, 0x10, 0x20, 0x23, 0x00, 0x01, 0x02, 0x05, 0x00, 0xE1, 0x23, 0x03, 201})
                         : RandomFib(rng);
@@ -240,18 +207,6 @@ TEST_F(FicDecoderTest, CifCountIsTakenOnlyWhenWanted) {
     Frame();
     EXPECT_EQ(ficDecoder.cifCountValid, 0);
     EXPECT_EQ(ficDecoder.latestCifCountLow, 200);
-}
-
-TEST_F(FicDecoderTest, AnyFloatIsClippedIntoANibble) {
-    // Boosted, infinite and faded frames with NaNs here and there (read as
-    // neutral) all decode.
-    for (float amplitude : {1000.0f, std::numeric_limits<float>::infinity(), 0.06f}) {
-        SCOPED_TRACE(amplitude);
-        Transmit({}, amplitude);
-        for (size_t i = 2 * 1536 + 5; i < 2 * 1536 + 9216; i += 97) carriers_[i] = std::nanf("");
-        DecodeFic();
-        EXPECT_EQ(fic.flags, Flags());
-    }
 }
 
 // FIG 0/0 (count 4/234) and FIG 1/0 of a published example, CRC F5 A2.
@@ -277,14 +232,6 @@ TEST(CheckFibCrc, CountsFailuresAndShiftsTheMask) {
         uint32_t mask = 1;
         EXPECT_EQ(CheckFibCrc(cif.data(), &mask), m == 2 ? 2 : 1);
         EXPECT_EQ(mask, m == 2 ? 0b11010u : 0b1101u);
-    }
-    // Any single flipped bit, data or CRC, fails the check.
-    for (int bit = 0; bit < 256; ++bit) {
-        Bytes flipped = Concat({kWorkedFib, kWorkedFib, kWorkedFib});
-        flipped[bit / 8] ^= uint8_t(0x80 >> bit % 8);
-        uint32_t mask = 0;
-        EXPECT_EQ(CheckFibCrc(flipped.data(), &mask), 1) << "bit " << bit;
-        EXPECT_EQ(mask, 0b011u) << "bit " << bit;
     }
 }
 

@@ -2,8 +2,7 @@
 // judged by what a listener sees: syncState 4, FIBs that pass their CRC, and
 // the FIG 0/0 CIF count advancing CIF by CIF. Locking in every mode, a
 // drop-out and the restart it forces, regressions of acquisition in the field
-// (a strong CW, fast fading, a rejected shift), and the tracking loops under a
-// converter clock error, a drifting carrier and an echo.
+// (a strong CW, fast fading, a rejected shift).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -16,7 +15,6 @@
 #include <vector>
 
 #include "acquisition/frame_entry.h"
-#include "device/tuning.h"
 #include "generator/channel_model.h"
 #include "generator/ensemble_bits.h"
 #include "generator/frame_transmitter.h"
@@ -263,68 +261,6 @@ TEST(FieldSignal, AWrongShiftWasEnteredAgainAfterEveryRestart) {
     pipeline.resyncRequest = 1;
     e.Push(1e-3);
     EXPECT_EQ(frameEntry.rejectedShiftValid, 0);
-}
-
-// The tracking loops: mode II at 18 dB, 1,200 Hz off and drifting 2 Hz/s,
-// an echo a third of a guard late and 6 dB down, a converter clock 50 ppm
-// fast. From 1.5 s after each lock every FIB is good and the correction
-// follows the drift to a quarter percent of a spacing. The clock loop puts minus the error into the
-// sample-rate register (at its first look, 150 frames into tracking) and the
-// frequency cache learns it; the host then tunes the same frequency again,
-// the learned offset goes back into the register and the receiver locks once
-// more.
-TEST(TrackingSignal, HoldsTimingFrequencyAndClock) {
-    gen::ChannelParams channel = Channel(1, 18.0, 1200.0);
-    channel.frequencyDriftHzPerSecond = 2.0;
-    channel.sampleClockPpm = 50.0;
-    channel.taps = {{0.0, 0.0, 0.0}, {126 / 3.0, -6.0, 1.0}};
-    Ensemble e(2, channel);
-    int32_t acquisitions = 0, previous = pipeline.acquisitionState;
-    double settledFrom = 1e9, correctedAt = -1.0, correctionPpm = 0.0, learnedPpm = 0.0, worstHz = 0.0;
-    bool retuned = false, wroteBack = false;
-    int32_t good = 0, fibs = 0;
-    size_t seen = 0;
-    e.Push(7.5, [&] {
-        const int32_t state = pipeline.acquisitionState;
-        if (state == 3 && previous != 3) {
-            ++acquisitions;
-            settledFrom = signalSeconds + 1.5;
-        }
-        previous = state;
-        for (; seen < ficFrames.size(); ++seen) {
-            if (ficFrames[seen].at <= settledFrom) continue;
-            good += ficFrames[seen].good;
-            fibs += ficFrames[seen].fibs;
-        }
-        if (state == 3 && signalSeconds > settledFrom) {
-            const double hz = -frequencyCorrection.samplePhaseIncrement * kRate / kTwoPi;
-            worstHz = std::max(worstHz, std::fabs(hz - 1200.0 - 2.0 * signalSeconds));
-        }
-        if (correctedAt < 0.0 && test::SampleRateRegister() != 0) {
-            correctedAt = signalSeconds;
-            correctionPpm = test::SampleRateRegister() / 16.777216;
-        }
-        if (!retuned && correctedAt > 0.0 && signalSeconds > correctedAt + 0.5) {
-            retuned = true;
-            settledFrom = 1e9;
-            const CachedFrequency* record = FindCachedFrequency(kFrequency);
-            EXPECT_NE(record, nullptr);
-            if (record != nullptr) learnedPpm = record->learnedPpm.load();
-            // Cleared first, so that only the re-tune's write can put it back.
-            test::Device().demod[1][0x3E] = test::Device().demod[1][0x3F] = 0;
-            EXPECT_EQ(e.harness.Tune(kFrequency), 1);
-            wroteBack = test::SampleRateRegister() == ((SampleRateOffsetCode(float(learnedPpm)) ^ 0x2000) - 0x2000);
-        }
-        return true;
-    });
-    EXPECT_EQ(acquisitions, 2);
-    EXPECT_GT(correctedAt, 0.0);
-    EXPECT_NEAR(correctionPpm, -50.0, 3.0);
-    EXPECT_NEAR(learnedPpm, correctionPpm, 0.1);
-    EXPECT_TRUE(wroteBack);
-    EXPECT_GT(fibs, 0);
-    EXPECT_EQ(good, fibs);
-    EXPECT_LT(worstHz, 10.0);
 }
 
 }  // namespace

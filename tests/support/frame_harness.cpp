@@ -37,17 +37,8 @@ bool Valid(int32_t page, int32_t addr, int32_t count, const uint8_t* bytes) {
 extern "C" {
 int32_t FakeFilterInit(int32_t) { return 1; }
 int32_t FakeFilterRelease(int32_t) { return 1; }
-int32_t FakeSetEventHandle(MVA_EventHandle*) {
-    ++device.registrations;
-    device.streaming = true;
-    return 1;
-}
-int32_t FakeReleaseEventHandle(MVA_EventHandle*) {
-    ++device.releases;
-    if (device.failRelease) return 0;
-    device.streaming = false;
-    return 1;
-}
+int32_t FakeSetEventHandle(MVA_EventHandle*) { return 1; }
+int32_t FakeReleaseEventHandle(MVA_EventHandle*) { return 1; }
 int32_t FakeGetData(uint8_t*, int32_t, int32_t* count, int32_t*) {
     if (count != nullptr) *count = 0;
     return 1;
@@ -163,7 +154,6 @@ FrameHarness::FrameHarness(int32_t tunerType) {
     FreeFrequencyCache();
     clockWritten = 0;
     deviceEventRegistered = 1;
-    device.streaming = true;
     receiverRunning = 1;
     AllocCaptureBuffers();
     ResetReceiverStatus();

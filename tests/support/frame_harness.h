@@ -40,15 +40,11 @@ struct FakeDevice {
     int32_t frequency;           // last MVA_Set_Frequency
     int32_t bandwidth;           // last MVA_Set_Bandwidth
     int32_t updates;             // MVA_DeviceUpdate calls
-    int32_t registrations;       // MVA_SetDABEventHandle calls
-    int32_t releases;            // MVA_ReleaseDABEventHandle calls
-    bool streaming;              // between registration and release
     bool logAccesses;            // append every register access to `log`
     std::vector<RegisterAccess> log;
     // Faults.
     bool failSetFrequency;       // MVA_Set_Frequency returns 0
     bool failDeviceUpdate;       // MVA_DeviceUpdate returns 0
-    bool failRelease;            // MVA_ReleaseDABEventHandle returns 0
     bool failAllWrites;          // every register write returns 0 (and changes nothing)
     int32_t failReadPage;        // a demod read touching (page, addr) returns 0; -1 none
     int32_t failReadAddr;
