@@ -4,6 +4,8 @@
 // packets.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <random>
 #include <string>
@@ -41,11 +43,11 @@ struct SentPackets {
     std::vector<uint8_t> bytes;
     std::vector<std::vector<uint8_t>> log;  // ordinary packets in stream order
 
-    SentPackets(bool fec, int logicalFrames, uint32_t seed = 5) {
+    SentPackets(bool fec, int logicalFrames) {
         gen::PacketStreamParams p;
         p.components = {{kWanted, 96, true, 2}, {kOther, 24, true, 1}};
         p.fec = fec;
-        p.seed = seed;
+        p.seed = 5;
         auto log = std::make_shared<std::vector<std::vector<uint8_t>>>();
         p.packetLog = log;
         gen::PayloadPtr source = gen::MakePacketPayload(64, p);
@@ -84,12 +86,18 @@ struct PacketExtraction : ::testing::Test {
         FreeRs204();
         FreeGfTables();
     }
-    // The bytes in pieces of `piece` bytes (the last one shorter).
-    void Feed(const std::vector<uint8_t>& bytes, int piece, uint8_t fec, int instance = 0) {
-        for (size_t at = 0; at < bytes.size(); at += piece) {
-            const int length = int(std::min<size_t>(piece, bytes.size() - at));
-            ASSERT_EQ(ExtractPackets(instance, &bytes[at], kId, length, wanted, 2, fec), 1);
-        }
+    // The first `count` bytes in pieces of `piece` bytes (the last one shorter).
+    void Feed(const std::vector<uint8_t>& bytes, int piece, uint8_t fec, size_t count = SIZE_MAX) {
+        count = std::min(count, bytes.size());
+        for (size_t at = 0; at < count; at += piece)
+            ASSERT_EQ(ExtractPackets(0, &bytes[at], kId, int(std::min<size_t>(piece, count - at)), wanted, 2, fec), 1);
+    }
+    // A fresh decoder on instance 0.
+    void Restart() {
+        delivered.clear();
+        ResetPacketProbe(0);
+        ResetPacketDecoder(0);
+        RestartPacketSearch(0);
     }
     // Delivered packets equal `expected` from its start, with at most `missing`
     // left at the end (still held), and all under their own address.
@@ -130,10 +138,7 @@ TEST_F(PacketExtraction, FecStreamWithByteErrorsDeliversEveryWantedPacket) {
     }
     for (int piece : kPieces) {
         SCOPED_TRACE("pieces of " + std::to_string(piece));
-        delivered.clear();
-        ResetPacketProbe(0);
-        ResetPacketDecoder(0);
-        RestartPacketSearch(0);
+        Restart();
         Feed(s.bytes, piece, 1);
         ExpectPrefixOf(s.Of(kWanted, s.FirstOfFrame(1)), s.Of(kWanted, s.FirstOfFrame(frames - 1)).size() + 24);
         EXPECT_GT(delivered.size(), 500u);
@@ -154,9 +159,7 @@ TEST_F(PacketExtraction, StreamReadWithoutFecDeliversEveryWantedPacket) {
         const SentPackets s(c.sentFec, c.expectFec ? 600 : 200);
         for (int piece : kPieces) {
             SCOPED_TRACE(std::to_string(c.sentFec) + std::to_string(c.expectFec) + ", pieces of " + std::to_string(piece));
-            delivered.clear();
-            ResetPacketProbe(0);
-            RestartPacketSearch(0);
+            Restart();
             Feed(s.bytes, piece, c.expectFec);
             ASSERT_FALSE(delivered.empty());
             const auto all = s.Of(kWanted);
@@ -189,17 +192,13 @@ TEST_F(PacketExtraction, FewFecPacketsInPlaceRestartTheSearch) {
         int state;
     };
     for (const Case c : {Case{6, true, 3}, Case{5, true, 0}, Case{5, false, 3}}) {
-        SCOPED_TRACE(std::to_string(c.inPlace) + " FEC packets in place, damaged " + std::to_string(c.damaged));
+        SCOPED_TRACE(std::to_string(c.inPlace) + (c.damaged ? " in place, damaged" : " in place"));
         SentPackets s(true, 60);
         uint8_t* frame2 = &s.bytes[size_t(2) * kFecFrameBytes];
         if (c.damaged) frame2[100] ^= 0x55;
         for (int k = c.inPlace; k < 9; ++k) frame2[kFecDataBytes + 24 * k + 1] ^= 0x10;  // not address 1022
-        ResetPacketProbe(0);
-        ResetPacketDecoder(0);
-        RestartPacketSearch(0);
-        delivered.clear();
-        const std::vector<uint8_t> upTo(s.bytes.begin(), s.bytes.begin() + 3 * kFecFrameBytes);
-        Feed(upTo, 768, 1);
+        Restart();
+        Feed(s.bytes, 768, 1, 3 * kFecFrameBytes);
         EXPECT_EQ(packetDecoders[0].state, c.state);
         // Tables 1 and 2 (the damaged one, repaired) come out whole.
         auto expected = s.Of(kWanted, s.FirstOfFrame(1));
@@ -305,12 +304,11 @@ TEST_F(PacketExtraction, BadArgumentsChangeNothing) {
 // nothing read or written out of bounds (under the sanitizers), every
 // delivery one packet of a size the header allows, of a wanted address.
 TEST_F(PacketExtraction, RandomInputOfAnyLength) {
-    const int rounds = 1200;
     SentPackets s(true, 100);
     std::mt19937 rng(23);
     std::vector<uint8_t> bytes(6000);
     uint16_t addresses[4] = {kWanted, kOther, 1022, 0};
-    for (int r = 0; r < rounds; ++r) {
+    for (int r = 0; r < 1200; ++r) {
         const int length = int(rng() % (r % 7 == 0 ? 6000 : 300));
         const int instance = int(rng() % 2);
         if (rng() % 2 == 0) {
