@@ -23,14 +23,10 @@ namespace {
 
 struct Delivered {
     std::vector<uint8_t> bytes;
-    int32_t address;
-    int32_t subChannelId;
+    int32_t address, subChannelId;
 };
 std::vector<Delivered> delivered;
-
-void Capture(uint8_t* packet, int32_t size, int32_t address, int32_t subChannelId) {
-    delivered.push_back({{packet, packet + size}, address, subChannelId});
-}
+void Capture(uint8_t* packet, int32_t size, int32_t address, int32_t id) { delivered.push_back({{packet, packet + size}, address, id}); }
 
 constexpr uint16_t kWanted = 5;
 constexpr uint16_t kOther = 300;
@@ -106,8 +102,7 @@ struct PacketExtraction : ::testing::Test {
         ASSERT_GE(delivered.size() + missing, expected.size());
         for (size_t i = 0; i < delivered.size(); ++i) {
             ASSERT_EQ(delivered[i].bytes, expected[i]) << "packet " << i;
-            ASSERT_EQ(delivered[i].address, kWanted);
-            ASSERT_EQ(delivered[i].subChannelId, kId);
+            ASSERT_TRUE(delivered[i].address == kWanted && delivered[i].subChannelId == kId);
         }
     }
 };
@@ -157,28 +152,24 @@ TEST_F(PacketExtraction, StreamReadWithoutFecDeliversEveryWantedPacket) {
     };
     for (const Case c : {Case{false, 0}, Case{true, 0}, Case{false, 1}}) {
         const SentPackets s(c.sentFec, c.expectFec ? 600 : 200);
+        const auto all = s.Of(kWanted);
+        size_t seen = 0;  // wanted packets among the first 500
+        for (size_t i = 0; i < 500; ++i) seen += SentPackets::Address(s.log[i]) == kWanted;
         for (int piece : kPieces) {
             SCOPED_TRACE(std::to_string(c.sentFec) + std::to_string(c.expectFec) + ", pieces of " + std::to_string(piece));
             Restart();
             Feed(s.bytes, piece, c.expectFec);
             ASSERT_FALSE(delivered.empty());
-            const auto all = s.Of(kWanted);
-            size_t first = 0;
-            while (first < all.size() && all[first] != delivered[0].bytes) ++first;
-            size_t seen = 0;  // wanted packets among the first 500
-            for (size_t i = 0; i < 500; ++i) seen += SentPackets::Address(s.log[i]) == kWanted;
+            const size_t first = size_t(std::find(all.begin(), all.end(), delivered[0].bytes) - all.begin());
             EXPECT_EQ(first >= (piece == 768 ? seen : 1), c.expectFec == 1);
             // The transmitter logs whole FEC frames, the last one partly sent.
             const int frames = int(s.bytes.size()) / kFecFrameBytes;
-            ExpectPrefixOf({all.begin() + long(first), all.end()},
-                           3 + (c.sentFec ? s.Of(kWanted, s.FirstOfFrame(frames)).size() : 0));
-            EXPECT_EQ(packetDecoders[0].state, 6);
-            EXPECT_EQ(packetDecoders[0].noFec, c.expectFec);
+            ExpectPrefixOf({all.begin() + long(first), all.end()}, 3 + (c.sentFec ? s.Of(kWanted, s.FirstOfFrame(frames)).size() : 0));
+            EXPECT_TRUE(packetDecoders[0].state == 6 && packetDecoders[0].noFec == c.expectFec);
         }
     }
     RestartPacketSearch(0);
-    EXPECT_EQ(packetDecoders[0].state, 0);
-    EXPECT_EQ(packetDecoders[0].noFec, 0);
+    EXPECT_TRUE(packetDecoders[0].state == 0 && packetDecoders[0].noFec == 0);
 }
 
 // How many FEC packets of a damaged table are in place decides whether the
@@ -225,11 +216,9 @@ std::vector<uint8_t> MakePacket(int size, int address, int firstLast, int useful
 TEST_F(PacketExtraction, RecoveryAfterADamagedPacket) {
     const auto good96 = MakePacket(96, 9, 3, 50, 0xAA);
     auto damaged24 = MakePacket(24, 7, 3, 10, 0x11);
-    damaged24[5] ^= 1;
     auto damagedFull48 = MakePacket(48, 9, 2, 43, 0x22);  // a first packet of a group, full
-    damagedFull48[10] ^= 1;
     auto damagedShort48 = MakePacket(48, 9, 2, 20, 0x22);
-    damagedShort48[10] ^= 1;
+    damaged24[5] ^= 1, damagedFull48[10] ^= 1, damagedShort48[10] ^= 1;
     const auto good48 = MakePacket(48, 9, 3, 30, 0x33);
     const auto other96 = MakePacket(96, 11, 3, 50, 0xBB);
     // Every 24 bytes a header of a 96-byte packet of address 9 that is
@@ -265,11 +254,9 @@ TEST_F(PacketExtraction, RecoveryAfterADamagedPacket) {
         for (const auto& p : c.stream) bytes.insert(bytes.end(), p.begin(), p.end());
         bytes.resize(bytes.size() + 192, 0xFF);  // the look-ahead of the last packets
         ASSERT_EQ(ExtractPackets(0, bytes.data(), kId, int(bytes.size()), &address, 1, 0), 1);
-        ASSERT_EQ(delivered.size(), c.expected.size());
-        for (size_t i = 0; i < c.expected.size(); ++i) {
-            EXPECT_EQ(int(delivered[i].bytes.size()), c.expected[i].first) << i;
-            EXPECT_EQ(delivered[i].address, c.expected[i].second) << i;
-        }
+        std::vector<std::pair<int, int>> got;
+        for (const Delivered& d : delivered) got.push_back({int(d.bytes.size()), d.address});
+        EXPECT_EQ(got, c.expected);
     }
 }
 
@@ -287,8 +274,7 @@ TEST_F(PacketExtraction, ProbeCountsFecPackets) {
 
 TEST_F(PacketExtraction, BadArgumentsChangeNothing) {
     uint8_t bytes[4] = {};
-    EXPECT_EQ(ExtractPackets(2, bytes, kId, 4, wanted, 2, 1), 0);
-    EXPECT_EQ(ExtractPackets(-1, bytes, kId, 4, wanted, 2, 1), 0);
+    for (int instance : {2, -1}) EXPECT_EQ(ExtractPackets(instance, bytes, kId, 4, wanted, 2, 1), 0);
     EXPECT_EQ(ExtractPackets(0, nullptr, kId, 4, wanted, 2, 1), 0);
     EXPECT_EQ(ExtractPackets(0, bytes, kId, -4, wanted, 2, 1), 0);
     EXPECT_EQ(ExtractPackets(0, bytes, kId, 4, nullptr, 2, 1), 0);

@@ -27,7 +27,6 @@ struct Packet {
     int32_t flags;
 };
 std::vector<Packet> packets;
-
 void Capture(uint8_t* bytes, int32_t length, int32_t flags) { packets.push_back({{bytes, bytes + length}, flags}); }
 
 constexpr int kCifs[4] = {4, 1, 1, 2};
@@ -98,11 +97,9 @@ TEST_F(StreamWorker, EveryPacketInOrderInEveryMode) {
                 s.bytes[i] ^= uint8_t(1 + rng() % 255);
                 ++errors[word];
             }
-            ServiceComponent c{};
-            c.subChannelId = kId;
-            c.bitsPerCif = uint16_t(24 * bitrate);
             std::vector<uint8_t> decoded(s.frameBytes);
-            c.decodedBytes = decoded.data();
+            ServiceComponent c{};
+            c.subChannelId = kId, c.bitsPerCif = uint16_t(24 * bitrate), c.decodedBytes = decoded.data();
             packets.clear();
             for (size_t f = 0; f < s.bytes.size() / s.frameBytes; ++f) {
                 std::memcpy(decoded.data(), s.Frame(int(f)), decoded.size());
@@ -112,10 +109,7 @@ TEST_F(StreamWorker, EveryPacketInOrderInEveryMode) {
             // From the first packet on, all words but those still in the de-interleaver.
             ASSERT_GE(int(packets.size()), s.CompleteWords() - 17);
             ASSERT_LE(packets.size(), s.ts.size());
-            for (size_t i = 0; i < packets.size(); ++i) {
-                ASSERT_EQ(packets[i].flags, kId) << "packet " << i;
-                ASSERT_EQ(packets[i].bytes, s.ts[i]) << "packet " << i;
-            }
+            for (size_t i = 0; i < packets.size(); ++i) ASSERT_TRUE(packets[i].flags == kId && packets[i].bytes == s.ts[i]) << i;
             EXPECT_EQ(workerHandOver.workerActive, 2);
             FlushWorker();
             RunWorkerStep();
@@ -167,10 +161,8 @@ TEST_F(StreamWorker, FullRingDropsFramesAndTheWorkerResynchronises) {
     size_t first = beforeGap + 1;  // the frames lost hold packets
     while (first < s.ts.size() && s.ts[first] != packets[beforeGap].bytes) ++first;
     ASSERT_LT(first, s.ts.size()) << "the first packet after the gap was sent";
-    for (size_t i = 0; i < packets.size(); ++i) {
-        ASSERT_EQ(packets[i].flags, kId) << i;
-        ASSERT_EQ(packets[i].bytes, s.ts[i < beforeGap ? i : first + i - beforeGap]) << i;
-    }
+    for (size_t i = 0; i < packets.size(); ++i)
+        ASSERT_TRUE(packets[i].flags == kId && packets[i].bytes == s.ts[i < beforeGap ? i : first + i - beforeGap]) << i;
 }
 
 // One worker, two decoders: a frame for the other one restarts the worker,
@@ -180,13 +172,8 @@ TEST_F(StreamWorker, TheOtherDecoderRestartsTheWorker) {
     mode.parameters = kModeTable[0];
     std::vector<uint8_t> decoded(4 * 24 * 4);
     ServiceComponent dabPlus{};
-    dabPlus.type = kServiceDabPlus;
-    dabPlus.subChannelId = 3;
-    dabPlus.longForm = 1;
-    dabPlus.protectionLevel = 2;
-    dabPlus.subChannelSize = 6 * 4;
-    dabPlus.bitsPerCif = 192 * 4;
-    dabPlus.decodedBytes = decoded.data();
+    dabPlus.type = kServiceDabPlus, dabPlus.subChannelId = 3, dabPlus.longForm = 1, dabPlus.protectionLevel = 2;
+    dabPlus.subChannelSize = 6 * 4, dabPlus.bitsPerCif = 192 * 4, dabPlus.decodedBytes = decoded.data();
     const SentStream s(0, 192, 4);
     Push(s.Frame(0), s.frameBytes);
     ASSERT_EQ(workerHandOver.workerActive, 2);
@@ -213,8 +200,7 @@ TEST_F(StreamWorker, RandomInputOfAnyLength) {
     int lengths[] = {0, 1, 11, 12, 204, 205, 22127, 22128, 22129, 65535, 65536, 70000};
     for (int r = 0; r < 250; ++r) {
         const int length = r < 12 ? lengths[r] : int(rng() % (r % 5 == 0 ? 70001 : 3000));
-        const bool dense = rng() % 2 == 0;
-        const bool direct = rng() % 3 == 0;
+        const bool dense = rng() % 2 == 0, direct = rng() % 3 == 0;
         // A few frames of one length, as a sub-channel delivers them.
         for (int frames = 1 + int(rng() % 4); frames > 0; --frames) {
             for (int i = 0; i < length; ++i) bytes[i] = dense && rng() % 8 == 0 ? 0x47 : uint8_t(rng());

@@ -58,8 +58,7 @@ struct Stream {
     // Firecode and parity of superframe k from its bytes 2..110s-1.
     void Seal(int k) {
         const uint16_t fire = gen::SuperframeFirecode(Superframe(k) + 2);
-        Superframe(k)[0] = uint8_t(fire >> 8);
-        Superframe(k)[1] = uint8_t(fire);
+        Superframe(k)[0] = uint8_t(fire >> 8), Superframe(k)[1] = uint8_t(fire);
         gen::AddSuperframeParity(Superframe(k), s);
     }
 };
@@ -104,17 +103,14 @@ struct SuperframeWorker : ::testing::Test {
         component.decodedBytes = decoded.data();
     }
 
-    // One transmission frame through the hand-over and one worker step.
-    void Push(const uint8_t* frame) {
-        std::memcpy(decoded.data(), frame, decoded.size());
-        QueueFrameForWorker(&component);
-        RunWorkerStep();
-        ++currentFrame;
-    }
-    // Pushes the stream from logical frame `first` on, whole transmission
-    // frames only.
+    // Transmission frames of the stream from logical frame `first` on, each
+    // through the hand-over and one worker step.
     void PushStream(Stream& st, int first, int frames) {
-        for (int f = 0; f < frames; ++f) Push(st.bytes.data() + size_t(first + f * kCifs[modeIndex]) * 24 * st.s);
+        for (int f = 0; f < frames; ++f, ++currentFrame) {
+            std::memcpy(decoded.data(), st.bytes.data() + size_t(first + f * kCifs[modeIndex]) * 24 * st.s, decoded.size());
+            QueueFrameForWorker(&component);
+            RunWorkerStep();
+        }
     }
 };
 
@@ -293,23 +289,17 @@ TEST_F(SuperframeWorker, FlushDuringADrainStopsBeforeTheNextFrame) {
     EXPECT_EQ(deliveries[1].bytes, st.Audio(2));
 }
 
-// A worker that falls behind loses whole transmission frames, counted; the
-// frames it decodes are never overwritten, and after a gap it searches anew.
+// A worker that falls behind loses whole transmission frames, counted; after
+// the gap it searches anew: superframe 2 (logical frames 10..14) comes first.
 TEST_F(SuperframeWorker, FullRingRefusesWholeFramesAndRestartsTheSearch) {
     Select(1, 2);
     Stream st(2, 12, 4);
-    const int lf = 48;
-    // Seven frames without a worker step: four get in, three are refused.
-    for (int f = 0; f < 7; ++f) {
-        std::memcpy(decoded.data(), st.bytes.data() + f * lf, lf);
+    for (int f = 0; f < 7; ++f) {  // four get in, three are refused
+        std::memcpy(decoded.data(), st.bytes.data() + f * 48, 48);
         QueueFrameForWorker(&component);
     }
     EXPECT_EQ(subChannelRing.droppedFrames, 3);
-    RunWorkerStep();
-    EXPECT_TRUE(deliveries.empty());
-    // From frame 7 on (after the gap) the search needs five frames again:
-    // superframe 2 (logical frames 10..14) is the first delivered.
-    for (int f = 7; f < 60; ++f) Push(st.bytes.data() + f * lf);
+    PushStream(st, 7, 53);
     ASSERT_EQ(deliveries.size(), 10u);
     for (size_t k = 0; k < deliveries.size(); ++k) EXPECT_EQ(deliveries[k].bytes, st.Audio(int(k) + 2));
 }
@@ -329,14 +319,10 @@ TEST_F(SuperframeWorker, NewSizesRestartTheWorker) {
     EXPECT_EQ(deliveries[10].bytes, second.Audio(7));
 }
 
-// Components the worker cannot take are never queued: more than 24 units
-// (225 kbit/s here), or decoded bytes that are not 24 bytes per unit and CIF.
+// Components the worker cannot take are never queued: more than 24 units,
+// or decoded bytes that are not 24 bytes per unit and CIF.
 TEST_F(SuperframeWorker, OversizedOrInconsistentComponentsAreNotQueued) {
-    Select(0, 24);
-    component.subChannelSize = 6 * 28;
-    component.bitsPerCif = uint16_t(192 * 28);
-    decoded.assign(4 * 24 * 28, 0);
-    component.decodedBytes = decoded.data();
+    Select(0, 28);
     QueueFrameForWorker(&component);
     EXPECT_EQ(subChannelRing.ringWrite, 0);
     EXPECT_EQ(workerHandOver.flushRequest, 1);
@@ -351,20 +337,17 @@ TEST_F(SuperframeWorker, OversizedOrInconsistentComponentsAreNotQueued) {
 TEST_F(SuperframeWorker, RandomBytesAndSizes) {
     std::mt19937 rng(2024);
     for (int round = 0; round < 150; ++round) {
-        const int m = int(rng() % 4);
-        const int s = 1 + int(rng() % 24);
+        const int m = int(rng() % 4), s = 1 + int(rng() % 24);
         Select(m, s, int(rng() % 64));
-        const int frames = 5 + int(rng() % 40);
         deliveries.clear();
-        for (int f = 0; f < frames; ++f) {
+        for (int f = 5 + int(rng() % 40); f > 0; --f) {
             for (auto& b : decoded) b = uint8_t(rng());
             // Now and then a real firecode at a random logical frame, so that
             // the search locks onto noise and tracking runs too.
             if (rng() % 3 == 0) {
                 uint8_t* at = decoded.data() + (rng() % kCifs[m]) * 24 * s;
                 const uint16_t fire = gen::SuperframeFirecode(at + 2);
-                at[0] = uint8_t(fire >> 8);
-                at[1] = uint8_t(fire);
+                at[0] = uint8_t(fire >> 8), at[1] = uint8_t(fire);
             }
             QueueFrameForWorker(&component);
             if (rng() % 4 != 0) RunWorkerStep();
@@ -383,31 +366,24 @@ TEST(DabPlusServices, MoreThanTwentyFourUnitsAreRefused) {
     test::FrameHarness h;
     ASSERT_TRUE(h.ready());
     receiverStatus.signalPresent = 1;
-    mode.transmissionMode = 0;
-    mode.parameters = kModeTable[0];
-    mode.configuredMode = 0;  // so that a frame step takes the request over
-    auto shortForm = [](int8_t type, int bitRate) {
-        int8_t index = 0;
-        while (kSubChannelTable[index].bitRate != bitRate) ++index;
-        return ServiceRequest{type, 1, 0, 0, index, 0, 0, 0};
+    mode.parameters = kModeTable[mode.transmissionMode = mode.configuredMode = 0];
+    // 224 kbit/s in short form (row 48): 28 units; long form set A level 3
+    // 150 / 6 = 25, set B 4 * (126 / 18) = 28; 149 / 6 leaves 24.
+    auto request = [](int8_t type, int8_t longForm, int8_t index, int8_t optionAndLevel, int16_t size) {
+        return ServiceRequest{type, 1, 0, longForm, index, optionAndLevel, size, 0};
     };
-    auto longForm = [](int8_t type, int8_t optionAndLevel, int16_t size) {
-        return ServiceRequest{type, 1, 0, 1, 0, optionAndLevel, size, 0};
-    };
-    // Set A level 3: 150 / 6 = 25 units; set B level 3: 4 * (126 / 18) = 28;
-    // 149 / 6 leaves 24 units, the remainder dropped.
-    EXPECT_EQ(AddServiceRequest(shortForm(3, 224)), 0);
-    EXPECT_EQ(AddServiceRequest(longForm(3, 0x2, 150)), 0);
-    EXPECT_EQ(AddServiceRequest(longForm(3, 0x6, 126)), 0);
-    for (const ServiceRequest& r : {longForm(3, 0x2, 149), shortForm(0, 224)}) {
+    ASSERT_EQ(kSubChannelTable[48].bitRate, 224);
+    EXPECT_EQ(AddServiceRequest(request(3, 0, 48, 0, 0)), 0);
+    EXPECT_EQ(AddServiceRequest(request(3, 1, 0, 0x2, 150)), 0);
+    EXPECT_EQ(AddServiceRequest(request(3, 1, 0, 0x6, 126)), 0);
+    for (const ServiceRequest& r : {request(3, 1, 0, 0x2, 149), request(0, 0, 48, 0, 0)}) {
         EXPECT_EQ(AddServiceRequest(r), 1);
         DeleteServiceRequest(1);
     }
-    ASSERT_EQ(AddServiceRequest(shortForm(3, 96)), 1);
+    ASSERT_EQ(AddServiceRequest(request(3, 1, 0, 0x2, 96)), 1);
     h.PushSilentFrames(1);
-    EXPECT_EQ(ChangeServiceOrganisation(shortForm(3, 224), 10), 0);
-    EXPECT_EQ(ChangeServiceOrganisation(shortForm(3, 192), 10), 1);
-
+    EXPECT_EQ(ChangeServiceOrganisation(request(3, 0, 48, 0, 0), 10), 0);
+    EXPECT_EQ(ChangeServiceOrganisation(request(3, 1, 0, 0x2, 144), 10), 1);
 }
 
 }  // namespace
