@@ -197,21 +197,16 @@ TEST_F(StreamWorker, TheOtherDecoderRestartsTheWorker) {
 TEST_F(StreamWorker, RandomInputOfAnyLength) {
     std::mt19937 rng(3);
     std::vector<uint8_t> bytes(70000);
-    int lengths[] = {0, 1, 11, 12, 204, 205, 22127, 22128, 22129, 65535, 65536, 70000};
+    const int lengths[] = {0, 1, 11, 12, 204, 205, 22127, 22128, 22129, 65535, 65536, 70000};
     for (int r = 0; r < 250; ++r) {
         const int length = r < 12 ? lengths[r] : int(rng() % (r % 5 == 0 ? 70001 : 3000));
         const bool dense = rng() % 2 == 0, direct = rng() % 3 == 0;
-        // A few frames of one length, as a sub-channel delivers them.
-        for (int frames = 1 + int(rng() % 4); frames > 0; --frames) {
+        for (int frames = 1 + int(rng() % 4); frames > 0; --frames) {  // as a sub-channel delivers them
             for (int i = 0; i < length; ++i) bytes[i] = dense && rng() % 8 == 0 ? 0x47 : uint8_t(rng());
             direct ? DeinterleaveStreamBlock(bytes.data(), length) : Push(bytes.data(), length);
         }
-        if (rng() % 20 == 0) {
-            FlushWorker();
-            RunWorkerStep();
-        }
-        ASSERT_GE(streamState.topRow, kStreamFirstTopRow);
-        ASSERT_LE(streamState.topRow, kStreamFirstTopRow + kStreamWordRows);
+        if (rng() % 20 == 0) FlushWorker(), RunWorkerStep();
+        ASSERT_TRUE(streamState.topRow >= kStreamFirstTopRow && streamState.topRow <= kStreamFirstTopRow + kStreamWordRows);
     }
     for (const Packet& p : packets) ASSERT_EQ(p.bytes.size(), size_t(kStreamPacketBytes));
 }
