@@ -37,11 +37,7 @@ TEST_F(RsTables, FieldTablesAgreeWithTheTransmittersArithmetic) {
             ASSERT_EQ(g.mulTable[a * 256 + b], gen::GfMultiply(uint8_t(a), uint8_t(b))) << a << "*" << b;
             // a / 0 and 0 / b read as 0; otherwise the quotient undoes the product.
             const uint8_t q = g.divTable[a * 256 + b];
-            if (a == 0 || b == 0) {
-                ASSERT_EQ(q, 0) << a << "/" << b;
-            } else {
-                ASSERT_EQ(gen::GfMultiply(q, uint8_t(b)), a) << a << "/" << b;
-            }
+            ASSERT_EQ(a == 0 || b == 0 ? q : gen::GfMultiply(q, uint8_t(b)), a == 0 || b == 0 ? 0 : a) << a << "/" << b;
         }
     }
 }

@@ -3,6 +3,7 @@
 // SymbolMask and the work blocks, and the swap of an announced change.
 #include <gtest/gtest.h>
 
+#include <iterator>
 #include <utility>
 
 #include "acquisition/mode_buffers.h"
@@ -143,26 +144,22 @@ TEST_F(Services, SymbolMaskOfASubChannel) {
 
 TEST_F(Services, BadArgumentsAreRefusedAndChangeNothing) {
     // Each case is refused by add and by a change of an active sub-channel.
-    struct Case {
-        const char* what;
-        ServiceRequest request;
-    };
-    const Case cases[] = {
-        {"sub-channel id above 63", Short(0, 64, 0, 0)},
-        {"table index above 63", Short(0, 1, 0, 64)},
-        {"negative start", Short(0, 1, -1, 0)},
-        {"short form past the CIF", Short(0, 1, 849, 0)},  // 16 CUs from 849
-        {"size below one step of set A", Long(0, 1, 0, 0, 11)},
-        {"size below one step of set B", Long(0, 1, 0, 4 + 0, 26)},
-        {"long form larger than a CIF", Long(0, 1, 0, 3, 868)},
+    const ServiceRequest cases[] = {
+        Short(0, 64, 0, 0),           // sub-channel id above 63
+        Short(0, 1, 0, 64),           // table index above 63
+        Short(0, 1, -1, 0),           // negative start
+        Short(0, 1, 849, 0),          // short form past the CIF: 16 CUs from 849
+        Long(0, 1, 0, 0, 11),         // size below one step of set A
+        Long(0, 1, 0, 4 + 0, 26),     // size below one step of set B
+        Long(0, 1, 0, 3, 868),        // long form larger than a CIF
     };
     ASSERT_TRUE(Take(Short(0, 2, 500, 0)));
     ServiceComponent* active = receiverStatus.activeServices;
-    for (const Case& c : cases) {
-        ServiceRequest add = c.request;
-        EXPECT_EQ(AddServiceRequest(add), 0) << c.what;
+    for (size_t i = 0; i < std::size(cases); ++i) {
+        ServiceRequest add = cases[i];
+        EXPECT_EQ(AddServiceRequest(add), 0) << i;
         add.subChannelId = add.subChannelId == 1 ? 2 : add.subChannelId;
-        EXPECT_EQ(ChangeServiceOrganisation(add, 10), 0) << c.what;
+        EXPECT_EQ(ChangeServiceOrganisation(add, 10), 0) << i;
     }
     EXPECT_EQ(receiverStatus.addedServices, nullptr);
     EXPECT_EQ(active->reconfiguration, nullptr);

@@ -146,25 +146,6 @@ TEST_F(StreamWorker, SyncPairMustLieWithinTheFrame) {
     }
 }
 
-// A frame refused on a full ring is a gap: the worker searches the sync
-// again rather than decode rows that no longer join up, and decodes exactly
-// from the next pair on.
-TEST_F(StreamWorker, FullRingDropsFramesAndTheWorkerResynchronises) {
-    const SentStream s(0, 192, 40);
-    for (int f = 0; f < 10; ++f) Push(s.Frame(f), s.frameBytes);
-    for (int f = 10; f < 16; ++f) QueueStreamBytes(kId, s.Frame(f), s.frameBytes);  // 14 and 15 are refused
-    EXPECT_EQ(streamRing.droppedFrames, 2);
-    RunWorkerStep();
-    const size_t beforeGap = packets.size();
-    for (int f = 16; f < 40; ++f) Push(s.Frame(f), s.frameBytes);
-    ASSERT_GT(packets.size(), beforeGap + 100);
-    size_t first = beforeGap + 1;  // the frames lost hold packets
-    while (first < s.ts.size() && s.ts[first] != packets[beforeGap].bytes) ++first;
-    ASSERT_LT(first, s.ts.size()) << "the first packet after the gap was sent";
-    for (size_t i = 0; i < packets.size(); ++i)
-        ASSERT_TRUE(packets[i].flags == kId && packets[i].bytes == s.ts[i < beforeGap ? i : first + i - beforeGap]) << i;
-}
-
 // One worker, two decoders: a frame for the other one restarts the worker,
 // and the frame after its answer starts the other decoder.
 TEST_F(StreamWorker, TheOtherDecoderRestartsTheWorker) {

@@ -145,34 +145,6 @@ TEST_F(SuperframeWorker, DeliversEachSuperframeWithItsLastLogicalFrameFromAnySta
     }
 }
 
-// The search decodes only the first min(s, 11) columns of the superframe it
-// delivers; tracking decodes all s. Five errors per column are corrected.
-TEST_F(SuperframeWorker, SearchCorrectsFirstElevenColumnsTrackingAllOfThem) {
-    for (int s : {6, 12}) {
-        SCOPED_TRACE(testing::Message() << "s " << s);
-        ASSERT_EQ(AllocateSuperframeBuffers(), 1);
-        deliveries.clear();
-        Select(0, s);
-        Stream st(s, 8, 77);
-        Stream clean(s, 8, 77);
-        // Superframe 0: one error in the last column, and errors in the
-        // firecode and header bytes (rows 0 and 1, which with s < 11 hold
-        // bytes 0..10 across rows). Superframes 1..5: five errors per column.
-        st.Superframe(0)[50 * s + s - 1] ^= 0x11;
-        for (int i = 0; i < 11; ++i) st.Superframe(0)[i] ^= uint8_t(0x80 >> (i % 8));
-        for (int k = 1; k < 6; ++k)
-            for (int c = 0; c < s; ++c)
-                for (int e = 0; e < 5; ++e) st.Superframe(k)[(e * 23 + c) % 120 * s + c] ^= uint8_t(1 + e + c);
-        PushStream(st, 0, 9);
-        ASSERT_EQ(deliveries.size(), 7u);
-        for (int k = 0; k < 7; ++k) {
-            std::vector<uint8_t> expected = clean.Audio(k);
-            if (k == 0 && s > 11) expected[50 * s + s - 1] ^= 0x11;  // column s-1 left undecoded by the search
-            EXPECT_TRUE(deliveries[k].bytes == expected && deliveries[k].flags == 5) << k;
-        }
-    }
-}
-
 // What comes out of damaged streams, superframe by superframe: the sent
 // superframe (-1: the bytes are not compared) and the flags (sub-channel id
 // 5, bit 7 for a failed firecode).
