@@ -119,29 +119,6 @@ TEST_F(Services, OneServiceAtATimeTakenOverAndFreedAtFrameSteps) {
     EXPECT_EQ(pipeline.selectedCount, 1);
 }
 
-// The symbols a sub-channel needs, by frame position (3: last FIC symbol,
-// 4 + 18c + j: symbol j of CIF c in mode I): the symbol before the first
-// one is the phase reference (0x10), the needed ones carry 0x01 as well.
-TEST_F(Services, SymbolMaskOfASubChannel) {
-    // CUs 0..15: the last FIC symbol is the reference.
-    ASSERT_NE(SetUpOne(Short(0, 1, 0, 0)), nullptr);
-    for (auto [index, value] : {std::pair{3, 0x11}, {4, 0x11}, {5, 0}, {4 + 18, 0x11}, {5 + 18, 0}, {4 + 54, 0x11}})
-        EXPECT_EQ(SymbolMask[index], value) << index;
-    ASSERT_EQ(DeleteServiceRequest(1), 1);
-    Step();
-    // CUs 848..863: the next CIF's first symbol isn't needed.
-    SetMode(0);
-    ASSERT_NE(SetUpOne(Long(0, 1, 848, 3, 16)), nullptr);
-    for (auto [index, value] : {std::pair{4 + 16, 0x10}, {4 + 17, 0x11}, {4 + 18, 0}, {4 + 18 + 16, 0x10}, {75, 0x11}})
-        EXPECT_EQ(SymbolMask[index], value) << index;
-    ASSERT_EQ(DeleteServiceRequest(1), 1);
-    Step();
-    // A whole CIF in mode III uses every symbol.
-    SetMode(2);
-    ASSERT_NE(SetUpOne(Long(0, 1, 0, 3, 864)), nullptr);
-    for (int32_t i = 0; i < 153; ++i) EXPECT_NE(SymbolMask[i], 0) << i;
-}
-
 TEST_F(Services, BadArgumentsAreRefusedAndChangeNothing) {
     // Each case is refused by add and by a change of an active sub-channel.
     const ServiceRequest cases[] = {

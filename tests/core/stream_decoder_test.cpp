@@ -131,9 +131,7 @@ TEST_F(StreamWorker, SyncPairMustLieWithinTheFrame) {
         {300, {1, 204}, 0},          // 203 apart
         {300, {150}, 0},             // a 0x47 in the last 204 bytes: its partner is outside
         {300, {10, 214, 250}, 290},  // the first pair counts
-        {300, {96, 250, 300 - 1}, 0},
         {204, {0}, 0},
-        {1, {0}, 0},
         {0, {}, 0},
     };
     for (const Case& c : cases) {

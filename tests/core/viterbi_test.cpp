@@ -116,13 +116,6 @@ std::vector<uint64_t> KernelDecisions(ViterbiVariant v, const Words& words) {
     return d;
 }
 
-TEST(ViterbiTestEncoder, MatchesPublishedCheckValues) {
-    auto text = [](const Bits& b) { return std::accumulate(b.begin(), b.end(), std::string(), [](std::string s, uint8_t x) { return s + char('0' + x); }); };
-    EXPECT_EQ(text(Encode({1})), "1111011011011101001010011111");
-    EXPECT_EQ(text(Encode({1, 0, 1, 0, 0, 1, 0, 1})),
-              "11110110001010111111101110111011010011110100110110011111");
-}
-
 // Blocks on which the tie rule, saturation and normalisation decide, and
 // the longest block of the receiver (a whole CIF of set B level 4).
 std::vector<Words> HardCases() {
