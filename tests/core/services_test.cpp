@@ -52,11 +52,7 @@ protected:
     }
     void Step() { h.PushSilentFrames(1); }
     // Adds a request and lets a frame step take it over.
-    bool Take(const ServiceRequest& r) {
-        if (AddServiceRequest(r) != 1) return false;
-        Step();
-        return true;
-    }
+    bool Take(const ServiceRequest& r) { return AddServiceRequest(r) == 1 && (Step(), true); }
     // Takes over one request and lays out its sub-channel.
     ServiceComponent* SetUpOne(const ServiceRequest& r) {
         if (!Take(r) || pipeline.selectedCount != 1) return nullptr;
