@@ -18,21 +18,5 @@ TEST(EnergyDisperse, ZeroBlockGivesThePublishedSequence) {
     EXPECT_EQ(block, expected);
 }
 
-// The sequence repeats every 511 bytes (its period in bits is 511) over a
-// whole CIF of the largest sub-channel; a second call starts it afresh and
-// so restores the data; empty blocks are left alone.
-TEST(EnergyDisperse, RepeatsEvery511BytesAndRestartsPerCall) {
-    const int count = 5472;
-    std::vector<uint8_t> block(count, 0);
-    EnergyDisperse(block.data(), count);
-    for (int i = 511; i < count; ++i) ASSERT_EQ(block[i], block[i - 511]) << "byte " << i;
-    EnergyDisperse(block.data(), count);
-    EXPECT_EQ(block, std::vector<uint8_t>(count, 0));
-    EnergyDisperse(block.data(), 0);
-    EnergyDisperse(block.data(), -5);
-    EnergyDisperse(nullptr, 10);
-    EXPECT_EQ(block, std::vector<uint8_t>(count, 0));
-}
-
 }  // namespace
 }  // namespace mvdab

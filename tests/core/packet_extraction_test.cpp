@@ -4,6 +4,8 @@
 // packets.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <random>
 #include <string>
@@ -21,14 +23,10 @@ namespace {
 
 struct Delivered {
     std::vector<uint8_t> bytes;
-    int32_t address;
-    int32_t subChannelId;
+    int32_t address, subChannelId;
 };
 std::vector<Delivered> delivered;
-
-void Capture(uint8_t* packet, int32_t size, int32_t address, int32_t subChannelId) {
-    delivered.push_back({{packet, packet + size}, address, subChannelId});
-}
+void Capture(uint8_t* packet, int32_t size, int32_t address, int32_t id) { delivered.push_back({{packet, packet + size}, address, id}); }
 
 constexpr uint16_t kWanted = 5;
 constexpr uint16_t kOther = 300;
@@ -41,11 +39,11 @@ struct SentPackets {
     std::vector<uint8_t> bytes;
     std::vector<std::vector<uint8_t>> log;  // ordinary packets in stream order
 
-    SentPackets(bool fec, int logicalFrames, uint32_t seed = 5) {
+    SentPackets(bool fec, int logicalFrames) {
         gen::PacketStreamParams p;
         p.components = {{kWanted, 96, true, 2}, {kOther, 24, true, 1}};
         p.fec = fec;
-        p.seed = seed;
+        p.seed = 5;
         auto log = std::make_shared<std::vector<std::vector<uint8_t>>>();
         p.packetLog = log;
         gen::PayloadPtr source = gen::MakePacketPayload(64, p);
@@ -84,12 +82,18 @@ struct PacketExtraction : ::testing::Test {
         FreeRs204();
         FreeGfTables();
     }
-    // The bytes in pieces of `piece` bytes (the last one shorter).
-    void Feed(const std::vector<uint8_t>& bytes, int piece, uint8_t fec, int instance = 0) {
-        for (size_t at = 0; at < bytes.size(); at += piece) {
-            const int length = int(std::min<size_t>(piece, bytes.size() - at));
-            ASSERT_EQ(ExtractPackets(instance, &bytes[at], kId, length, wanted, 2, fec), 1);
-        }
+    // The first `count` bytes in pieces of `piece` bytes (the last one shorter).
+    void Feed(const std::vector<uint8_t>& bytes, int piece, uint8_t fec, size_t count = SIZE_MAX) {
+        count = std::min(count, bytes.size());
+        for (size_t at = 0; at < count; at += piece)
+            ASSERT_EQ(ExtractPackets(0, &bytes[at], kId, int(std::min<size_t>(piece, count - at)), wanted, 2, fec), 1);
+    }
+    // A fresh decoder on instance 0.
+    void Restart() {
+        delivered.clear();
+        ResetPacketProbe(0);
+        ResetPacketDecoder(0);
+        RestartPacketSearch(0);
     }
     // Delivered packets equal `expected` from its start, with at most `missing`
     // left at the end (still held), and all under their own address.
@@ -98,8 +102,7 @@ struct PacketExtraction : ::testing::Test {
         ASSERT_GE(delivered.size() + missing, expected.size());
         for (size_t i = 0; i < delivered.size(); ++i) {
             ASSERT_EQ(delivered[i].bytes, expected[i]) << "packet " << i;
-            ASSERT_EQ(delivered[i].address, kWanted);
-            ASSERT_EQ(delivered[i].subChannelId, kId);
+            ASSERT_TRUE(delivered[i].address == kWanted && delivered[i].subChannelId == kId);
         }
     }
 };
@@ -130,10 +133,7 @@ TEST_F(PacketExtraction, FecStreamWithByteErrorsDeliversEveryWantedPacket) {
     }
     for (int piece : kPieces) {
         SCOPED_TRACE("pieces of " + std::to_string(piece));
-        delivered.clear();
-        ResetPacketProbe(0);
-        ResetPacketDecoder(0);
-        RestartPacketSearch(0);
+        Restart();
         Feed(s.bytes, piece, 1);
         ExpectPrefixOf(s.Of(kWanted, s.FirstOfFrame(1)), s.Of(kWanted, s.FirstOfFrame(frames - 1)).size() + 24);
         EXPECT_GT(delivered.size(), 500u);
@@ -152,30 +152,24 @@ TEST_F(PacketExtraction, StreamReadWithoutFecDeliversEveryWantedPacket) {
     };
     for (const Case c : {Case{false, 0}, Case{true, 0}, Case{false, 1}}) {
         const SentPackets s(c.sentFec, c.expectFec ? 600 : 200);
+        const auto all = s.Of(kWanted);
+        size_t seen = 0;  // wanted packets among the first 500
+        for (size_t i = 0; i < 500; ++i) seen += SentPackets::Address(s.log[i]) == kWanted;
         for (int piece : kPieces) {
             SCOPED_TRACE(std::to_string(c.sentFec) + std::to_string(c.expectFec) + ", pieces of " + std::to_string(piece));
-            delivered.clear();
-            ResetPacketProbe(0);
-            RestartPacketSearch(0);
+            Restart();
             Feed(s.bytes, piece, c.expectFec);
             ASSERT_FALSE(delivered.empty());
-            const auto all = s.Of(kWanted);
-            size_t first = 0;
-            while (first < all.size() && all[first] != delivered[0].bytes) ++first;
-            size_t seen = 0;  // wanted packets among the first 500
-            for (size_t i = 0; i < 500; ++i) seen += SentPackets::Address(s.log[i]) == kWanted;
+            const size_t first = size_t(std::find(all.begin(), all.end(), delivered[0].bytes) - all.begin());
             EXPECT_EQ(first >= (piece == 768 ? seen : 1), c.expectFec == 1);
             // The transmitter logs whole FEC frames, the last one partly sent.
             const int frames = int(s.bytes.size()) / kFecFrameBytes;
-            ExpectPrefixOf({all.begin() + long(first), all.end()},
-                           3 + (c.sentFec ? s.Of(kWanted, s.FirstOfFrame(frames)).size() : 0));
-            EXPECT_EQ(packetDecoders[0].state, 6);
-            EXPECT_EQ(packetDecoders[0].noFec, c.expectFec);
+            ExpectPrefixOf({all.begin() + long(first), all.end()}, 3 + (c.sentFec ? s.Of(kWanted, s.FirstOfFrame(frames)).size() : 0));
+            EXPECT_TRUE(packetDecoders[0].state == 6 && packetDecoders[0].noFec == c.expectFec);
         }
     }
     RestartPacketSearch(0);
-    EXPECT_EQ(packetDecoders[0].state, 0);
-    EXPECT_EQ(packetDecoders[0].noFec, 0);
+    EXPECT_TRUE(packetDecoders[0].state == 0 && packetDecoders[0].noFec == 0);
 }
 
 // How many FEC packets of a damaged table are in place decides whether the
@@ -189,17 +183,13 @@ TEST_F(PacketExtraction, FewFecPacketsInPlaceRestartTheSearch) {
         int state;
     };
     for (const Case c : {Case{6, true, 3}, Case{5, true, 0}, Case{5, false, 3}}) {
-        SCOPED_TRACE(std::to_string(c.inPlace) + " FEC packets in place, damaged " + std::to_string(c.damaged));
+        SCOPED_TRACE(std::to_string(c.inPlace) + (c.damaged ? " in place, damaged" : " in place"));
         SentPackets s(true, 60);
         uint8_t* frame2 = &s.bytes[size_t(2) * kFecFrameBytes];
         if (c.damaged) frame2[100] ^= 0x55;
         for (int k = c.inPlace; k < 9; ++k) frame2[kFecDataBytes + 24 * k + 1] ^= 0x10;  // not address 1022
-        ResetPacketProbe(0);
-        ResetPacketDecoder(0);
-        RestartPacketSearch(0);
-        delivered.clear();
-        const std::vector<uint8_t> upTo(s.bytes.begin(), s.bytes.begin() + 3 * kFecFrameBytes);
-        Feed(upTo, 768, 1);
+        Restart();
+        Feed(s.bytes, 768, 1, 3 * kFecFrameBytes);
         EXPECT_EQ(packetDecoders[0].state, c.state);
         // Tables 1 and 2 (the damaged one, repaired) come out whole.
         auto expected = s.Of(kWanted, s.FirstOfFrame(1));
@@ -226,11 +216,9 @@ std::vector<uint8_t> MakePacket(int size, int address, int firstLast, int useful
 TEST_F(PacketExtraction, RecoveryAfterADamagedPacket) {
     const auto good96 = MakePacket(96, 9, 3, 50, 0xAA);
     auto damaged24 = MakePacket(24, 7, 3, 10, 0x11);
-    damaged24[5] ^= 1;
     auto damagedFull48 = MakePacket(48, 9, 2, 43, 0x22);  // a first packet of a group, full
-    damagedFull48[10] ^= 1;
     auto damagedShort48 = MakePacket(48, 9, 2, 20, 0x22);
-    damagedShort48[10] ^= 1;
+    damaged24[5] ^= 1, damagedFull48[10] ^= 1, damagedShort48[10] ^= 1;
     const auto good48 = MakePacket(48, 9, 3, 30, 0x33);
     const auto other96 = MakePacket(96, 11, 3, 50, 0xBB);
     // Every 24 bytes a header of a 96-byte packet of address 9 that is
@@ -266,11 +254,9 @@ TEST_F(PacketExtraction, RecoveryAfterADamagedPacket) {
         for (const auto& p : c.stream) bytes.insert(bytes.end(), p.begin(), p.end());
         bytes.resize(bytes.size() + 192, 0xFF);  // the look-ahead of the last packets
         ASSERT_EQ(ExtractPackets(0, bytes.data(), kId, int(bytes.size()), &address, 1, 0), 1);
-        ASSERT_EQ(delivered.size(), c.expected.size());
-        for (size_t i = 0; i < c.expected.size(); ++i) {
-            EXPECT_EQ(int(delivered[i].bytes.size()), c.expected[i].first) << i;
-            EXPECT_EQ(delivered[i].address, c.expected[i].second) << i;
-        }
+        std::vector<std::pair<int, int>> got;
+        for (const Delivered& d : delivered) got.push_back({int(d.bytes.size()), d.address});
+        EXPECT_EQ(got, c.expected);
     }
 }
 
@@ -288,8 +274,7 @@ TEST_F(PacketExtraction, ProbeCountsFecPackets) {
 
 TEST_F(PacketExtraction, BadArgumentsChangeNothing) {
     uint8_t bytes[4] = {};
-    EXPECT_EQ(ExtractPackets(2, bytes, kId, 4, wanted, 2, 1), 0);
-    EXPECT_EQ(ExtractPackets(-1, bytes, kId, 4, wanted, 2, 1), 0);
+    for (int instance : {2, -1}) EXPECT_EQ(ExtractPackets(instance, bytes, kId, 4, wanted, 2, 1), 0);
     EXPECT_EQ(ExtractPackets(0, nullptr, kId, 4, wanted, 2, 1), 0);
     EXPECT_EQ(ExtractPackets(0, bytes, kId, -4, wanted, 2, 1), 0);
     EXPECT_EQ(ExtractPackets(0, bytes, kId, 4, nullptr, 2, 1), 0);
@@ -303,35 +288,25 @@ TEST_F(PacketExtraction, BadArgumentsChangeNothing) {
 
 // Random bytes of any length, damaged FEC streams and wild address lists:
 // nothing read or written out of bounds (under the sanitizers), every
-// delivery one packet of a size the header allows, of a wanted address.
+// delivery one packet of a wanted address.
 TEST_F(PacketExtraction, RandomInputOfAnyLength) {
-    const int rounds = 1200;
     SentPackets s(true, 100);
     std::mt19937 rng(23);
     std::vector<uint8_t> bytes(6000);
     uint16_t addresses[4] = {kWanted, kOther, 1022, 0};
-    for (int r = 0; r < rounds; ++r) {
-        const int length = int(rng() % (r % 7 == 0 ? 6000 : 300));
-        const int instance = int(rng() % 2);
-        if (rng() % 2 == 0) {
-            for (int i = 0; i < length; ++i) bytes[i] = uint8_t(rng());
-        } else {
-            const size_t at = rng() % (s.bytes.size() - 6000);
-            std::memcpy(bytes.data(), &s.bytes[at], size_t(length));
-            for (int e = int(rng() % 20); e > 0 && length > 0; --e) bytes[rng() % length] ^= uint8_t(rng());
-        }
+    for (int r = 0; r < 1200; ++r) {
+        const int length = int(rng() % (r % 7 == 0 ? 6000 : 300)), instance = int(rng() % 2);
+        std::memcpy(bytes.data(), &s.bytes[rng() % (s.bytes.size() - 6000)], size_t(length));
+        for (int e = rng() % 2 ? length : int(rng() % 20); e > 0 && length > 0; --e) bytes[rng() % length] ^= uint8_t(rng());
         switch (rng() % 8) {
             case 0: ProbePacketFec(bytes.data(), length, instance); break;
             case 1: RestartPacketSearch(instance); break;
             case 2: ResetPacketDecoder(instance); break;
-            default:
-                ExtractPackets(instance, bytes.data(), kId, length, addresses, uint16_t(rng() % 5), uint8_t(rng() % 2));
+            default: ExtractPackets(instance, bytes.data(), kId, length, addresses, uint16_t(rng() % 5), uint8_t(rng() % 2));
         }
     }
-    for (const Delivered& d : delivered) {
-        ASSERT_TRUE(d.bytes.size() >= 24 && d.bytes.size() <= 96);
-        ASSERT_TRUE(d.address == kWanted || d.address == kOther || d.address == 1022 || d.address == 0);
-    }
+    for (const Delivered& d : delivered)
+        ASSERT_TRUE(d.bytes.size() >= 24 && d.bytes.size() <= 96 && (d.address == kWanted || d.address == kOther || d.address == 1022 || d.address == 0));
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <numeric>
 #include <random>
 #include <string>
 #include <vector>
@@ -36,11 +37,7 @@ TEST_F(RsTables, FieldTablesAgreeWithTheTransmittersArithmetic) {
             ASSERT_EQ(g.mulTable[a * 256 + b], gen::GfMultiply(uint8_t(a), uint8_t(b))) << a << "*" << b;
             // a / 0 and 0 / b read as 0; otherwise the quotient undoes the product.
             const uint8_t q = g.divTable[a * 256 + b];
-            if (a == 0 || b == 0) {
-                ASSERT_EQ(q, 0) << a << "/" << b;
-            } else {
-                ASSERT_EQ(gen::GfMultiply(q, uint8_t(b)), a) << a << "/" << b;
-            }
+            ASSERT_EQ(a == 0 || b == 0 ? q : gen::GfMultiply(q, uint8_t(b)), a == 0 || b == 0 ? 0 : a) << a << "/" << b;
         }
     }
 }
@@ -68,39 +65,34 @@ std::vector<uint8_t> Encode(const CodeCase& c, std::vector<uint8_t> info) {
     return info;
 }
 
+// The generator's coefficients, highest first, are the parity of a single 1
+// in the last information place; a second word per code from counting bytes.
 TEST_F(RsTables, PublishedParityDecodesCleanAndUnchanged) {
     struct Vector {
         CodeCase code;
-        std::vector<uint8_t> info;
+        int ramp;  // information byte i is ramp * i, or only the last one is 1
         std::vector<uint8_t> parity;
     };
-    std::vector<Vector> vectors;
-    // The generator's coefficients, highest first, are the parity of a single 1
-    // in the last information place.
-    std::vector<uint8_t> unit120(110, 0), unit204(188, 0), count(110), sevens(188);
-    unit120.back() = 1;
-    unit204.back() = 1;
-    for (int i = 0; i < 110; ++i) count[i] = uint8_t(i);
-    sevens[0] = 0x47;
-    for (int i = 1; i < 188; ++i) sevens[i] = uint8_t(7 * i);
-    vectors.push_back({kRs120, unit120, {0xD8, 0xC2, 0x9F, 0x6F, 0xC7, 0x5E, 0x5F, 0x71, 0x9D, 0xC1}});
-    vectors.push_back({kRs120, count, {0xA2, 0x8A, 0x69, 0x0C, 0xEA, 0x30, 0xBD, 0xD4, 0xA3, 0x5C}});
-    vectors.push_back({kRs204, unit204, {0x3B, 0x0D, 0x68, 0xBD, 0x44, 0xD1, 0x1E, 0x08, 0xA3, 0x41, 0x29, 0xE5, 0x62,
-                                         0x32, 0x24, 0x3B}});
-    vectors.push_back({kRs204, sevens, {0x78, 0x96, 0x7B, 0xF8, 0xAF, 0xBD, 0x8E, 0x9C, 0xDE, 0x78, 0x69, 0xD1, 0xD8,
-                                        0xC7, 0x38, 0x57}});
+    const Vector vectors[] = {
+        {kRs120, 0, {0xD8, 0xC2, 0x9F, 0x6F, 0xC7, 0x5E, 0x5F, 0x71, 0x9D, 0xC1}},
+        {kRs120, 1, {0xA2, 0x8A, 0x69, 0x0C, 0xEA, 0x30, 0xBD, 0xD4, 0xA3, 0x5C}},
+        {kRs204, 0, {0x3B, 0x0D, 0x68, 0xBD, 0x44, 0xD1, 0x1E, 0x08, 0xA3, 0x41, 0x29, 0xE5, 0x62, 0x32, 0x24, 0x3B}},
+        {kRs204, 7, {0x78, 0x96, 0x7B, 0xF8, 0xAF, 0xBD, 0x8E, 0x9C, 0xDE, 0x78, 0x69, 0xD1, 0xD8, 0xC7, 0x38, 0x57}},
+    };
     for (const Vector& v : vectors) {
-        std::vector<uint8_t> word = v.info;
+        const int k = v.code.length - v.code.parity;
+        std::vector<uint8_t> word(k, 0);
+        for (int i = 0; i < k; ++i) word[i] = uint8_t(v.ramp * i);
+        if (v.ramp == 0) word.back() = 1;
+        if (v.ramp == 7) word[0] = 0x47;
         word.insert(word.end(), v.parity.begin(), v.parity.end());
         const std::vector<uint8_t> sent = word;
         EXPECT_EQ(DecodeWord(v.code, word.data()), 0) << v.code.name;
         EXPECT_EQ(word, sent) << v.code.name;
-        // One flipped parity byte is no longer clean, and is found.
-        word[v.info.size() + 3] ^= 0x40;
+        // One flipped parity byte is found.
+        word[k + 3] ^= 0x40;
         EXPECT_EQ(DecodeWord(v.code, word.data()), 0) << v.code.name;
-        if (v.code.correctsParity) {
-            EXPECT_EQ(word, sent) << v.code.name;
-        }
+        EXPECT_TRUE(!v.code.correctsParity || word == sent) << v.code.name;
     }
 }
 
@@ -123,7 +115,7 @@ TEST_F(RsTables, UpToTErrorsAlwaysCorrectBeyondFailOrLandOnACodeword) {
                 const std::vector<uint8_t> sent = Encode(c, info);
                 std::vector<uint8_t> word = sent;
                 std::vector<int> positions(word.size());
-                for (size_t i = 0; i < positions.size(); ++i) positions[i] = int(i);
+                std::iota(positions.begin(), positions.end(), 0);
                 std::shuffle(positions.begin(), positions.end(), rng);
                 for (int e = 0; e < errors; ++e) word[positions[e]] ^= uint8_t(1 + rng() % 255);
                 const std::vector<uint8_t> received = word;
@@ -137,20 +129,12 @@ TEST_F(RsTables, UpToTErrorsAlwaysCorrectBeyondFailOrLandOnACodeword) {
                 int distance = 0;
                 for (size_t i = 0; i < decided.size(); ++i) distance += decided[i] != received[i];
                 ASSERT_LE(distance, c.capability);
-                if (c.correctsParity) {
-                    ASSERT_EQ(word, decided);
-                } else {
-                    ASSERT_TRUE(std::equal(word.begin() + k, word.end(), received.begin() + k));
-                }
+                ASSERT_TRUE(c.correctsParity ? word == decided : std::equal(word.begin() + k, word.end(), received.begin() + k));
                 if (decided != sent) ++miscorrected;
             }
-            if (errors <= c.capability) {
-                EXPECT_EQ(miscorrected, 0);
-            } else {
-                // A miscorrection needs the received word within t of another
-                // codeword: a few in ten thousand at most.
-                EXPECT_LE(miscorrected * 100, kWords);
-            }
+            // Beyond t a miscorrection needs the received word within t of
+            // another codeword: a few in ten thousand at most.
+            EXPECT_LE(miscorrected * 100, errors <= c.capability ? 0 : kWords);
         }
     }
 }
