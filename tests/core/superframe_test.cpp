@@ -255,6 +255,33 @@ TEST_F(SuperframeWorker, FullRingRefusesWholeFramesAndRestartsTheSearch) {
     for (size_t k = 0; k < deliveries.size(); ++k) EXPECT_EQ(deliveries[k].bytes, st.Audio(int(k) + 2));
 }
 
+// Random bytes in every mode and size, now and then with a true firecode so
+// that the search locks onto noise and tracking runs too, with steps skipped
+// and flushes between: every delivery is one audio part long (and the
+// sanitizers see no bad access).
+TEST_F(SuperframeWorker, RandomBytesAndSizes) {
+    std::mt19937 rng(2024);
+    for (int round = 0; round < 150; ++round) {
+        const int m = int(rng() % 4), s = 1 + int(rng() % 24);
+        Select(m, s, int(rng() % 64));
+        deliveries.clear();
+        for (int f = 0, frames = 5 + int(rng() % 40); f < frames; ++f) {
+            for (auto& b : decoded) b = uint8_t(rng());
+            if (rng() % 3 == 0) {
+                uint8_t* at = decoded.data() + (rng() % kCifs[m]) * 24 * s;
+                const uint16_t fire = gen::SuperframeFirecode(at + 2);
+                at[0] = uint8_t(fire >> 8), at[1] = uint8_t(fire);
+            }
+            QueueFrameForWorker(&component);
+            if (rng() % 4 != 0) RunWorkerStep();
+            if (rng() % 50 == 0) FlushWorker();
+        }
+        for (const Delivery& d : deliveries) ASSERT_EQ(int(d.bytes.size()), 110 * s);
+        FlushWorker();
+        RunWorkerStep();
+    }
+}
+
 // A DAB+ service selected after another of another size, without a retune:
 // the first frame of the new one starts the flush and is dropped, and the
 // search finds superframe 1 of the new sizes.
