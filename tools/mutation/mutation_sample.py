@@ -20,6 +20,7 @@ import argparse
 import os
 import random
 import re
+import signal
 import subprocess
 import sys
 import time
@@ -110,6 +111,22 @@ def generate(root):
 
 
 EXCLUDE = []  # ctest -E arguments
+LIMIT = [None]  # seconds a ctest run may take: three times the unmutated suite's
+
+
+def ctest(args):
+    """Runs ctest; (exit status, output). A run past LIMIT is a hang: its
+    process group is killed and it counts as failed. (ctest's own --timeout
+    gives way to the TIMEOUT property of a test.)"""
+    p = subprocess.Popen(["ctest"] + args, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+                         start_new_session=True)
+    try:
+        out, _ = p.communicate(timeout=LIMIT[0])
+        return p.returncode, out
+    except subprocess.TimeoutExpired:
+        os.killpg(p.pid, signal.SIGKILL)
+        out, _ = p.communicate()
+        return -1, out + "\nThe following tests FAILED:\n\t0 - (hang) (Timeout)\n"
 
 
 def build_and_test(build, timeout):
@@ -122,20 +139,21 @@ def build_and_test(build, timeout):
     if b.returncode != 0:
         return False, None
     for attempt in range(2):
-        t = subprocess.run(["ctest", "--test-dir", build, "-j", jobs, "--stop-on-failure",
-                            "--timeout", str(timeout)] + EXCLUDE, capture_output=True, text=True)
-        if t.returncode == 0:
+        status, out = ctest(["--test-dir", build, "-j", jobs, "--stop-on-failure", "--timeout", str(timeout)]
+                            + EXCLUDE)
+        if status == 0:
             return True, None
-        listed = t.stdout.split("The following tests FAILED:")[-1] if "tests FAILED:" in t.stdout else ""
+        listed = out.split("The following tests FAILED:")[-1] if "tests FAILED:" in out else ""
         failed = re.findall(r"^\s*\d+ - (\S+) \((?:Failed|Timeout|SEGFAULT|Subprocess|Exception|OTHER_FAULT)",
                             listed, re.M)
         if not failed:
             return True, ["(ctest failed)"]
-        again = subprocess.run(["ctest", "--test-dir", build, "--timeout", str(timeout), "-R",
-                                "^(" + "|".join(failed) + ")$", "--output-on-failure"],
-                               capture_output=True, text=True)
-        if again.returncode != 0:
-            lines = [l for l in again.stdout.split("\n") if "Failure" in l or "FAILED" in l]
+        if "(hang)" in failed:
+            return True, failed
+        status, out = ctest(["--test-dir", build, "--timeout", str(timeout), "-R",
+                             "^(" + "|".join(failed) + ")$", "--output-on-failure"])
+        if status != 0:
+            lines = [l for l in out.split("\n") if "Failure" in l or "FAILED" in l]
             print("    " + "\n    ".join(lines[:6]), flush=True)
             return True, failed
     return True, None
@@ -150,9 +168,11 @@ def run(root, build, listing, report, timeout):
             folder, path, number, what, original, mutated = line.rstrip("\n").split("\t")
             rows.append((folder, path, int(number), what, original, mutated))
     print("Unmutated suite ...", flush=True)
+    start = time.time()
     built, failed = build_and_test(build, timeout)
     if not built or failed:
         sys.exit(f"the unmutated suite must build and pass first (failed: {failed})")
+    LIMIT[0] = 3 * (time.time() - start) + 60
 
     results = []   # (folder, path, number, what, verdict)
     done = {f: 0 for f in QUOTAS}
