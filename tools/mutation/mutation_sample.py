@@ -12,8 +12,9 @@ first failing test), restores the file, and counts per folder how many faults
 the suite caught. Per folder it takes the first QUOTA faults that build, so two
 runs over the same list and the same library code measure the same faults.
 
-A fault is caught when a test fails or times out; it survives when the whole
-suite passes. The build directory must be configured beforehand (Release,
+A fault is caught when a test fails or hangs (a ctest run three times as long
+as the unmutated suite's) and the failure repeats when that test runs alone;
+it survives when the whole suite passes. The build directory must be configured beforehand (Release,
 BUILD_TESTING=ON) and pass unmutated: `run` checks that first.
 """
 import argparse
